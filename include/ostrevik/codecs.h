@@ -36,6 +36,15 @@ public:
     std::vector<Json> items;
     std::vector<std::pair<std::string, Json>> members;  // first-seen key order, keys unique
 
+    // Declared out of line: the type is recursive through `members`, and some standard
+    // libraries cannot instantiate the implicit members while Json is still incomplete.
+    Json();
+    Json(const Json&);
+    Json(Json&&) noexcept;
+    Json& operator=(const Json&);
+    Json& operator=(Json&&) noexcept;
+    ~Json();
+
     // One JSON value with only whitespace after it; nesting deeper than 200 fails.
     static std::optional<Json> parse(std::string_view text);
     // Compact text form.

@@ -72,6 +72,12 @@ template <>
 struct std::hash<ostrevik::Path> {
     std::size_t operator()(const ostrevik::Path& p) const noexcept;
 };
+#if defined(__GLIBCXX__)
+// The hash walks every byte of the path: have libstdc++'s hash tables store it in their nodes
+// rather than recompute it on rehashing, extraction and bucket scans.
+template <>
+struct std::__is_fast_hash<std::hash<ostrevik::Path>> : std::false_type {};
+#endif
 
 namespace ostrevik {
 
@@ -297,6 +303,9 @@ public:
     void addConnectionDeletion(const Path& target);
     void addGlobLink(const Path& source, const std::string& targetSpec);
     void addReorder(const Path& parent, std::vector<Path> order);
+
+    // Loads the file and resolves its references (see compose.h); false leaves this unchanged.
+    bool loadComposed(const std::string& path);
 
 private:
     Rep& w();

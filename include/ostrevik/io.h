@@ -3,6 +3,7 @@
 
 #include <ostrevik/core.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,5 +23,15 @@ std::optional<std::string> decompress(std::string_view stream);
 // The binary crate ("ZLTHC"); `compressed` compresses the payload.
 std::string serializeBinary(const Document& doc, bool compressed);
 std::optional<Document> deserializeBinary(std::string_view bytes);
+
+// Which native format a buffer holds, judged by its first bytes only.
+enum class Format : std::uint32_t { Unknown = 0, Text = 1, Binary = 2, Package = 3 };
+Format detect(std::string_view bytes);
+
+// The one door for native bytes: picks the reader by content. `error` may be null.
+std::optional<Document> deserialize(std::string_view bytes, ParseError* error);
+
+// Replaces `path` atomically through `path + ".tmp"`; on failure the old content stays.
+bool writeFileDurably(const std::string& path, std::string_view bytes);
 
 }  // namespace ostrevik

@@ -1,0 +1,1600 @@
+// The text format's reader: a scanner and a recursive descent parser over one text.
+#include "TextNumbers.h"
+
+#include <ostrevik/io.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <unordered_map>
+
+namespace ostrevik {
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Scanner
+
+enum class Tok : std::uint8_t {
+    End = 0,
+    Ident = 1,
+    String = 2,
+    Char = 3,
+    Number = 4,
+    PathLit = 5,
+    LBrace = 6,
+    RBrace = 7,
+    LParen = 8,
+    RParen = 9,
+    LBracket = 10,
+    RBracket = 11,
+    Equals = 12,
+    Comma = 13,
+    Colon = 14,
+    Dot = 15,
+};
+
+struct Token {
+    Tok kind = Tok::End;
+    bool bad = false;      // End standing for bytes that can't be scanned
+    bool escaped = false;  // String or Char text still holds backslash escapes
+    std::size_t start = 0;
+    // Ident, Number, PathLit: the bytes. String, Char: the bytes between the quotes.
+    std::string_view text;
+};
+
+enum ByteClass : std::uint8_t { Other, Space, NameStart, Digit, Sign, Punct };
+
+struct ByteTable {
+    ByteClass cls[256] = {};
+    Tok punct[256] = {};
+    constexpr ByteTable() {
+        for (int c = 'a'; c <= 'z'; ++c) cls[c] = NameStart;
+        for (int c = 'A'; c <= 'Z'; ++c) cls[c] = NameStart;
+        cls[static_cast<unsigned char>('_')] = NameStart;
+        for (int c = '0'; c <= '9'; ++c) cls[c] = Digit;
+        cls[static_cast<unsigned char>('+')] = Sign;
+        cls[static_cast<unsigned char>('-')] = Sign;
+        for (char c : {' ', '\t', '\n', '\r'}) cls[static_cast<unsigned char>(c)] = Space;
+        const char marks[] = "{}()[]=,:.";
+        const Tok kinds[] = {Tok::LBrace,   Tok::RBrace,   Tok::LParen, Tok::RParen, Tok::LBracket,
+                             Tok::RBracket, Tok::Equals, Tok::Comma,  Tok::Colon,  Tok::Dot};
+        for (int i = 0; i < 10; ++i) {
+            cls[static_cast<unsigned char>(marks[i])] = Punct;
+            punct[static_cast<unsigned char>(marks[i])] = kinds[i];
+        }
+    }
+};
+
+constexpr ByteTable kBytes;
+
+ByteClass classOf(char c) {
+    return kBytes.cls[static_cast<unsigned char>(c)];
+}
+
+bool isNameByte(char c) {
+    const ByteClass k = classOf(c);
+    return k == NameStart || k == Digit;
+}
+
+char unescaped(char c) {
+    return c == 'n' ? '\n' : c == 't' ? '\t' : c;
+}
+
+// The bytes a String token stands for.
+std::string stringValue(const Token& t) {
+    if (!t.escaped) return std::string(t.text);
+    std::string out;
+    out.reserve(t.text.size());
+    for (std::size_t i = 0; i < t.text.size(); ++i) {
+        if (t.text[i] == '\\' && i + 1 < t.text.size())
+            out += unescaped(t.text[++i]);
+        else
+            out += t.text[i];
+    }
+    return out;
+}
+
+class Lexer {
+public:
+    struct State {
+        std::size_t pos;
+        bool failed;
+    };
+
+    explicit Lexer(std::string_view text) : text_(text) {}
+
+    Token next() {
+        Token t;
+        if (cached_ && cacheFrom_ == pos_) {
+            t = cache_;
+            pos_ = cacheTo_;
+        } else {
+            t = scan();
+        }
+        if (t.bad) failed_ = true;
+        return t;
+    }
+
+    // The next token without consuming it. The parser looks ahead at almost every step, so the
+    // last look is kept and the following next() takes it instead of scanning again.
+    Token peek() {
+        if (!(cached_ && cacheFrom_ == pos_)) {
+            const std::size_t from = pos_;
+            cache_ = scan();
+            cacheFrom_ = from;
+            cacheTo_ = pos_;
+            cached_ = true;
+            pos_ = from;
+        }
+        return cache_;
+    }
+
+    bool expect(Tok kind, Token* out = nullptr) {
+        Token t = next();
+        if (out) *out = t;
+        if (t.kind == kind) return true;
+        failed_ = true;
+        return false;
+    }
+
+    State save() const { return {pos_, failed_}; }
+    void restore(State s) {
+        pos_ = s.pos;
+        failed_ = s.failed;
+    }
+
+    std::size_t pos() const { return pos_; }
+    void setPos(std::size_t pos) { pos_ = pos; }
+    std::string_view text() const { return text_; }
+    std::size_t left() const { return text_.size() - pos_; }
+
+    // True when an LF stands between the current position and `t`, a token looked at by peek.
+    bool lineBreakBefore(const Token& t) const {
+        return std::memchr(text_.data() + pos_, '\n', t.start - pos_) != nullptr;
+    }
+
+private:
+    void skipSpace() {
+        const std::size_t n = text_.size();
+        while (pos_ < n) {
+            const char c = text_[pos_];
+            if (classOf(c) == Space) {
+                ++pos_;
+            } else if (c == '#') {
+                const void* lf = std::memchr(text_.data() + pos_, '\n', n - pos_);
+                pos_ = lf ? static_cast<std::size_t>(static_cast<const char*>(lf) - text_.data()) + 1 : n;
+            } else {
+                break;
+            }
+        }
+    }
+
+    Token fail(std::size_t start, std::size_t at) {
+        pos_ = at;
+        Token t;
+        t.bad = true;
+        t.start = start;
+        return t;
+    }
+
+    Token scan() {
+        skipSpace();
+        const std::size_t n = text_.size();
+        const std::size_t start = pos_;
+        Token t;
+        t.start = start;
+        if (pos_ >= n) return t;
+        const char c = text_[pos_];
+        switch (classOf(c)) {
+            case Punct:
+                t.kind = kBytes.punct[static_cast<unsigned char>(c)];
+                ++pos_;
+                return t;
+            case NameStart: {
+                std::size_t i = pos_ + 1;
+                while (i < n && isNameByte(text_[i])) ++i;
+                t.kind = Tok::Ident;
+                t.text = text_.substr(start, i - start);
+                pos_ = i;
+                return t;
+            }
+            case Digit:
+            case Sign: return scanNumber(start);
+            default: break;
+        }
+        if (c == '"') {
+            std::size_t i = pos_ + 1;
+            for (;;) {
+                while (i < n && text_[i] != '"' && text_[i] != '\\') ++i;
+                if (i >= n) return fail(start, n);
+                if (text_[i] == '"') break;
+                if (i + 1 >= n) return fail(start, n);
+                t.escaped = true;
+                i += 2;
+            }
+            t.kind = Tok::String;
+            t.text = text_.substr(start + 1, i - start - 1);
+            pos_ = i + 1;
+            return t;
+        }
+        if (c == '\'') {
+            std::size_t i = pos_ + 1;
+            if (i >= n) return fail(start, i);
+            if (text_[i] == '\\') {
+                if (i + 1 >= n) return fail(start, i + 1);
+                t.escaped = true;
+                i += 2;
+            } else {
+                i += 1;
+            }
+            if (i >= n || text_[i] != '\'') return fail(start, i);
+            t.kind = Tok::Char;
+            t.text = text_.substr(start + 1, i - start - 1);
+            pos_ = i + 1;
+            return t;
+        }
+        if (c == '<') {
+            const void* gt = std::memchr(text_.data() + start + 1, '>', n - start - 1);
+            if (!gt) return fail(start, n);
+            const std::size_t end = static_cast<std::size_t>(static_cast<const char*>(gt) - text_.data());
+            t.kind = Tok::PathLit;
+            t.text = text_.substr(start + 1, end - start - 1);
+            pos_ = end + 1;
+            return t;
+        }
+        return fail(start, start);
+    }
+
+    // Sign, digits, an optional "." with digits, an optional exponent; a digit must stand
+    // before the exponent. The scan stops at the first byte that doesn't fit.
+    Token scanNumber(std::size_t start) {
+        const std::size_t n = text_.size();
+        std::size_t i = start;
+        if (classOf(text_[i]) == Sign && ++i >= n) return fail(start, i);
+        bool mantissa = false;
+        while (i < n && classOf(text_[i]) == Digit) {
+            ++i;
+            mantissa = true;
+        }
+        if (i < n && text_[i] == '.') {
+            ++i;
+            while (i < n && classOf(text_[i]) == Digit) {
+                ++i;
+                mantissa = true;
+            }
+        }
+        if (i < n && (text_[i] == 'e' || text_[i] == 'E')) {
+            ++i;
+            if (i < n && classOf(text_[i]) == Sign) ++i;
+            if (i >= n || classOf(text_[i]) != Digit) return fail(start, i);
+            while (i < n && classOf(text_[i]) == Digit) ++i;
+        }
+        if (!mantissa) return fail(start, i);
+        Token t;
+        t.kind = Tok::Number;
+        t.start = start;
+        t.text = text_.substr(start, i - start);
+        pos_ = i;
+        return t;
+    }
+
+    std::string_view text_;
+    std::size_t pos_ = 0;
+    bool failed_ = false;
+
+    bool cached_ = false;
+    std::size_t cacheFrom_ = 0;
+    std::size_t cacheTo_ = 0;
+    Token cache_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Number conversion, with the semantics of strtod, strtoll and strtoull on a Number token.
+
+double toDouble(std::string_view s) {
+    if (!s.empty() && s[0] == '+') s.remove_prefix(1);
+    double v = 0;
+    const auto r = std::from_chars(s.data(), s.data() + s.size(), v);
+    if (r.ec != std::errc() || r.ptr != s.data() + s.size()) {
+        // Out of range or a form the fast path refuses: the C library decides.
+        const std::string copy(s);
+        v = std::strtod(copy.c_str(), nullptr);
+    }
+    return std::isfinite(v) ? v : 0.0;
+}
+
+// The magnitude of the leading digits, saturating; `overflow` tells that it did.
+std::uint64_t leadingDigits(std::string_view s, bool& negative, bool& overflow) {
+    std::size_t i = 0;
+    negative = false;
+    overflow = false;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) negative = s[i++] == '-';
+    std::uint64_t v = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
+        const unsigned d = static_cast<unsigned>(s[i] - '0');
+        if (v > (std::numeric_limits<std::uint64_t>::max() - d) / 10) {
+            overflow = true;
+            v = std::numeric_limits<std::uint64_t>::max();
+        } else if (!overflow) {
+            v = v * 10 + d;
+        }
+    }
+    return v;
+}
+
+std::int64_t toInt(std::string_view s) {
+    bool negative = false;
+    bool overflow = false;
+    const std::uint64_t m = leadingDigits(s, negative, overflow);
+    constexpr std::uint64_t limit = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (negative) {
+        if (overflow || m > limit + 1) return std::numeric_limits<std::int64_t>::min();
+        return m == limit + 1 ? std::numeric_limits<std::int64_t>::min() : -static_cast<std::int64_t>(m);
+    }
+    return overflow || m > limit ? std::numeric_limits<std::int64_t>::max() : static_cast<std::int64_t>(m);
+}
+
+std::uint64_t toUInt(std::string_view s) {
+    bool negative = false;
+    bool overflow = false;
+    const std::uint64_t m = leadingDigits(s, negative, overflow);
+    if (overflow) return std::numeric_limits<std::uint64_t>::max();
+    return negative ? std::uint64_t{0} - m : m;
+}
+
+// A keyframe time as its text will be written: equal texts must be equal keys, or a document
+// read back would lose keys that merely differed beyond the written digits.
+double writtenTime(double t) {
+    if (t == std::trunc(t) && std::fabs(t) < 1e16) return t == 0 ? 0.0 : t;
+    char buf[kNumberTextMax];
+    char* end = writeScalarText(buf, t);
+    return toDouble(std::string_view(buf, static_cast<std::size_t>(end - buf)));
+}
+
+template <class T>
+void append(std::vector<std::uint8_t>& data, T v) {
+    const std::size_t at = data.size();
+    data.resize(at + sizeof(T));
+    std::memcpy(data.data() + at, &v, sizeof(T));
+}
+
+bool isPlainName(std::string_view s) {
+    if (s.empty()) return false;
+    for (char c : s)
+        if (!isNameByte(c)) return false;
+    return true;
+}
+
+std::optional<DType> dtypeFromToken(std::string_view w) {
+    static constexpr std::pair<std::string_view, DType> kTokens[] = {
+        {"bool", DType::Bool},       {"char", DType::Char},       {"int8", DType::Int8},
+        {"int16", DType::Int16},     {"int32", DType::Int32},     {"int64", DType::Int64},
+        {"uint8", DType::UInt8},     {"uint16", DType::UInt16},   {"uint32", DType::UInt32},
+        {"uint64", DType::UInt64},   {"float32", DType::Float32}, {"float64", DType::Float64},
+        {"str", DType::Str},         {"float16", DType::Float16},
+    };
+    for (const auto& [token, d] : kTokens)
+        if (token == w) return d;
+    return std::nullopt;
+}
+
+std::optional<Type> simpleTypeFromToken(std::string_view w) {
+    static constexpr std::pair<std::string_view, Type> kTokens[] = {
+        {"float", Type::Float},   {"int", Type::Int},       {"bool", Type::Bool},         {"float2", Type::Float2},
+        {"float3", Type::Float3}, {"matrix", Type::Matrix}, {"spectrum", Type::Spectrum},
+    };
+    for (const auto& [token, t] : kTokens)
+        if (token == w) return t;
+    return std::nullopt;
+}
+
+// What the type token of a property statement declares.
+struct Decl {
+    enum Kind { Untyped, Simple, General } kind = Untyped;
+    Type type = Type::Float;
+    DType dtype = DType::Float32;
+    std::vector<std::uint32_t> shape;
+    bool dynamic = false;
+    std::string typeName;
+};
+
+// A keyframe as read, before it joins the curve.
+struct KeyStatement {
+    double time = 0;
+    Value value;
+    Interp interp = Interp::Linear;
+    bool handles = false;  // handle type or lists were given
+    HandleType handle = HandleType::Auto;
+    std::vector<std::pair<double, double>> left;
+    std::vector<std::pair<double, double>> right;
+};
+
+std::vector<std::pair<double, double>> pairsOf(const std::vector<double>& numbers) {
+    std::vector<std::pair<double, double>> out;
+    out.reserve(numbers.size() / 2);
+    for (std::size_t i = 0; i + 1 < numbers.size(); i += 2) out.emplace_back(numbers[i], numbers[i + 1]);
+    return out;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Parser
+
+class Parser {
+public:
+    Parser(std::string_view body, Document& doc) : lex_(body), doc_(&doc), unbackedLeft_(body.size()) {}
+
+    bool parseTop();
+    bool failed() const { return !message_.empty(); }
+    const std::string& message() const { return message_; }
+    std::size_t failOffset() const { return failOffset_; }
+    void failGeneral() {
+        if (message_.empty()) {
+            message_ = "syntax error";
+            failOffset_ = lex_.pos();
+        }
+    }
+
+private:
+    void fail(const char* message) {
+        if (!message_.empty()) return;
+        message_ = message;
+        failOffset_ = lex_.pos();
+    }
+
+    // The element whose body is being read. It is built aside and joins the document just
+    // before its first child (or at its end), which keeps document order; statements after a
+    // child, which the writer never puts there, reach it in the document.
+    struct Current {
+        const Path* path = nullptr;
+        Element* pending = nullptr;
+        Element* element = nullptr;
+        const Element* base = nullptr;  // elements().data() when `element` was taken
+    };
+    Element& current(Current& c) {
+        if (c.pending) return *c.pending;
+        if (!c.element || doc_->elements().data() != c.base) {
+            c.element = doc_->element(*c.path);
+            c.base = doc_->elements().data();
+        }
+        return *c.element;
+    }
+    void insertPending(Current& c) {
+        if (!c.pending) return;
+        doc_->insert(std::move(*c.pending));
+        c.pending = nullptr;
+    }
+
+    bool parseDef(const Path& parent);
+    bool parseBody(const Path& path, Element& element);
+    bool parseConnect(const Path& element);
+    bool parseDelete();
+    bool parseDisconnect();
+    bool parseReorder();
+    bool parseUnset(Current& c);
+    bool parseMetadata(Current& c);
+    bool parseReference(Current& c);
+    bool parseProperty(Current& c);
+    bool parseDecl(std::string_view word, Decl& decl);
+    bool parseDims(Decl& decl);
+    bool nameTail(std::string& name, bool samplesWord, bool& samples);
+    bool parseSamples(Current& c, const Decl& decl, const std::string& name);
+    bool parseKeyframe(const Decl& decl, KeyStatement& key);
+    bool zeroValue(const Decl& decl, Value& out);
+
+    bool parseValue(const Decl& decl, Value& out, bool keyframe);
+    bool parseTypedValue(Type type, Value& out);
+    bool parseGeneralValue(DType dtype, const std::vector<std::uint32_t>& shape, bool dynamic, Value& out);
+    bool parseNumNested(DType dtype, const std::vector<std::uint32_t>& shape, Value& out);
+    bool parseInferred(DType dtype, Value& out);
+    bool parseNumLeaf(DType dtype, std::vector<std::uint8_t>& out);
+    bool parseStringLeaf(std::vector<std::string>& out);
+    bool parseLeaf(DType dtype, Value& out) {
+        return dtype == DType::Str ? parseStringLeaf(out.strings) : parseNumLeaf(dtype, out.data);
+    }
+    bool parseNumbers(std::size_t exact, Tok close, bool trailingComma);
+    template <std::size_t N>
+    bool parseTuple(std::array<float, N>& out);
+    bool parseNumber(double& out);
+    bool takeUnbacked(std::size_t count);
+
+    std::string message_;
+    std::size_t failOffset_ = 0;
+    Lexer lex_;
+    Document* doc_;
+    std::vector<std::pair<Path, Path>> pendingConnections_;  // source, target
+    int depth_ = 0;
+
+    // Records are gathered and handed over sorted at the end, so that each lands at the end of
+    // its sorted vector instead of being inserted in the middle.
+    std::vector<Path> deletions_;
+    std::vector<Path> connectionDeletions_;
+    std::vector<Reorder> reorders_;
+
+    // Elements that a declared shape asks for without the text spelling them out (the zero value
+    // of a new animated property, the strings that fill a declared shape) are limited in all to
+    // the size of the input, so that a short text can't ask for a huge allocation.
+    std::size_t unbackedLeft_;
+
+    std::vector<double> numbers_;  // scratch for number lists
+};
+
+bool Parser::takeUnbacked(std::size_t count) {
+    if (count > unbackedLeft_) return false;
+    unbackedLeft_ -= count;
+    return true;
+}
+
+bool Parser::parseTop() {
+    const Path root;
+    for (;;) {
+        const Token t = lex_.peek();
+        if (t.kind == Tok::End) {
+            if (t.bad) {
+                fail("malformed token");
+                return false;
+            }
+            break;
+        }
+        bool ok = false;
+        if (t.kind == Tok::Ident) {
+            if (t.text == "def" || t.text == "over")
+                ok = parseDef(root);
+            else if (t.text == "delete")
+                ok = parseDelete();
+            else if (t.text == "disconnect")
+                ok = parseDisconnect();
+            else if (t.text == "connect")
+                ok = parseConnect(root);
+            else if (t.text == "reorder")
+                ok = parseReorder();
+            else {
+                fail("expected 'def', 'over', or 'delete' at the top level");
+                return false;
+            }
+        } else {
+            fail("expected 'def', 'over', or 'delete' at the top level");
+            return false;
+        }
+        if (!ok) return false;
+    }
+
+    // Only the last wire into a target survives, at the place of its statement; giving just
+    // those to connect keeps the result and spares the replaced ones. A statement that connect
+    // would refuse (a side without a property) replaces nothing.
+    if (!pendingConnections_.empty()) {
+        std::unordered_map<Path, std::size_t> last;
+        last.reserve(pendingConnections_.size());
+        auto wires = [](const std::pair<Path, Path>& c) { return c.first.property && c.second.property; };
+        for (std::size_t i = 0; i < pendingConnections_.size(); ++i)
+            if (wires(pendingConnections_[i])) last.insert_or_assign(pendingConnections_[i].second, i);
+        for (std::size_t i = 0; i < pendingConnections_.size(); ++i) {
+            const auto& [source, target] = pendingConnections_[i];
+            if (wires(pendingConnections_[i]) && last[target] == i) doc_->connect(source, target);
+        }
+    }
+    std::stable_sort(deletions_.begin(), deletions_.end());
+    for (const auto& p : deletions_) doc_->addDeletion(p);
+    std::stable_sort(connectionDeletions_.begin(), connectionDeletions_.end());
+    for (const auto& p : connectionDeletions_) doc_->addConnectionDeletion(p);
+    std::stable_sort(reorders_.begin(), reorders_.end(),
+                     [](const Reorder& a, const Reorder& b) { return a.parent < b.parent; });
+    for (auto& r : reorders_) doc_->addReorder(r.parent, std::move(r.order));
+    return true;
+}
+
+bool Parser::parseDelete() {
+    lex_.next();
+    Token t;
+    if (!lex_.expect(Tok::String, &t)) {
+        fail("expected a quoted path after 'delete'");
+        return false;
+    }
+    auto path = Path::parse(stringValue(t));
+    if (!path) {
+        fail("invalid path in 'delete'");
+        return false;
+    }
+    deletions_.push_back(path->elementPath());
+    return true;
+}
+
+bool Parser::parseDisconnect() {
+    lex_.next();
+    Token t;
+    if (!lex_.expect(Tok::String, &t)) {
+        fail("expected a quoted target slot after 'disconnect'");
+        return false;
+    }
+    auto path = Path::parse(stringValue(t));
+    if (!path) {
+        fail("invalid path in 'disconnect'");
+        return false;
+    }
+    connectionDeletions_.push_back(std::move(*path));
+    return true;
+}
+
+bool Parser::parseReorder() {
+    lex_.next();
+    Token t;
+    if (!lex_.expect(Tok::String, &t)) {
+        fail("expected a quoted parent path after 'reorder'");
+        return false;
+    }
+    auto parent = Path::parse(stringValue(t));
+    if (!parent) {
+        fail("invalid parent path in 'reorder'");
+        return false;
+    }
+    if (!lex_.expect(Tok::Equals)) {
+        fail("expected '=' after the reorder parent");
+        return false;
+    }
+    if (!lex_.expect(Tok::LBracket)) {
+        fail("expected '[' to open the reorder child list");
+        return false;
+    }
+    std::vector<Path> children;
+    for (;;) {
+        if (lex_.peek().kind == Tok::RBracket) {
+            lex_.next();
+            break;
+        }
+        if (!lex_.expect(Tok::String, &t)) {
+            fail("expected a quoted child path in 'reorder'");
+            return false;
+        }
+        auto child = Path::parse(stringValue(t));
+        if (!child) {
+            fail("invalid child path in 'reorder'");
+            return false;
+        }
+        children.push_back(child->elementPath());
+        if (lex_.peek().kind == Tok::Comma) lex_.next();
+    }
+    reorders_.push_back(Reorder{parent->elementPath(), std::move(children)});
+    return true;
+}
+
+bool Parser::parseConnect(const Path& element) {
+    lex_.next();
+    const Token t = lex_.next();
+    Path target;
+    std::string spec;
+    bool glob = false;
+    if (t.kind == Tok::Ident) {
+        std::string name(t.text);
+        bool unused = false;
+        if (!nameTail(name, false, unused)) return false;
+        target = element.appendingProperty(name);
+    } else if (t.kind == Tok::String) {
+        target = element.appendingProperty(stringValue(t));
+    } else if (t.kind == Tok::PathLit) {
+        if (t.text.find('*') != std::string_view::npos) {
+            glob = true;
+            spec = std::string(t.text);
+        } else {
+            auto parsed = Path::parse(t.text);
+            if (!parsed) {
+                fail("invalid connect target path");
+                return false;
+            }
+            target = std::move(*parsed);
+        }
+    } else {
+        fail("expected a slot name or <path> after 'connect'");
+        return false;
+    }
+    if (!lex_.expect(Tok::Equals)) {
+        fail("expected '=' in a connect directive");
+        return false;
+    }
+    Token s;
+    if (!lex_.expect(Tok::PathLit, &s)) {
+        fail("expected a <source> path in a connect directive");
+        return false;
+    }
+    auto source = Path::parse(s.text);
+    if (!source) {
+        fail("invalid connect source path");
+        return false;
+    }
+    if (glob)
+        doc_->addGlobLink(*source, spec);
+    else
+        pendingConnections_.emplace_back(std::move(*source), std::move(target));
+    return true;
+}
+
+bool Parser::parseDef(const Path& parent) {
+    if (depth_ > 255) {
+        fail("element nesting too deep");
+        return false;
+    }
+    struct DepthGuard {
+        int& depth;
+        explicit DepthGuard(int& d) : depth(d) { ++depth; }
+        ~DepthGuard() { --depth; }
+    } guard(depth_);
+
+    const Token keyword = lex_.next();
+    if (keyword.kind != Tok::Ident || (keyword.text != "def" && keyword.text != "over")) {
+        fail("expected 'def' or 'over'");
+        return false;
+    }
+
+    std::string type;
+    std::optional<std::string> name;
+    const Token head = lex_.next();
+    if (head.kind == Tok::Ident) {
+        type = std::string(head.text);
+        const Token after = lex_.next();
+        if (after.kind == Tok::String) {
+            name = stringValue(after);
+            if (!lex_.expect(Tok::LBrace)) {
+                fail("expected '{' to open the element body");
+                return false;
+            }
+        } else if (after.kind != Tok::LBrace) {
+            fail("expected a quoted element name or '{' after the element type");
+            return false;
+        }
+    } else if (head.kind == Tok::String) {
+        const Token after = lex_.next();
+        if (after.kind == Tok::String) {
+            type = stringValue(head);
+            name = stringValue(after);
+            if (!lex_.expect(Tok::LBrace)) {
+                fail("expected '{' to open the element body");
+                return false;
+            }
+        } else if (after.kind == Tok::LBrace) {
+            // A quoted word alone names the element when it could be a name, else types it.
+            std::string word = stringValue(head);
+            if (isPlainName(word))
+                name = std::move(word);
+            else
+                type = std::move(word);
+        } else {
+            fail("expected '{' to open the element body");
+            return false;
+        }
+    } else if (head.kind != Tok::LBrace) {
+        fail("expected an element type, a quoted name, or '{'");
+        return false;
+    }
+
+    Path path;
+    if (name) {
+        // Names are path segments: anything else could not be addressed, nor written back.
+        if (!isPlainName(*name) && !Path::isAnonymousSegment(*name)) {
+            fail("invalid element name");
+            return false;
+        }
+        path = parent.child(*name);
+    } else {
+        const auto* siblings = doc_->childPositions(parent);
+        path = parent.child(static_cast<std::uint64_t>(siblings ? siblings->size() : 0));
+    }
+    if (doc_->has(path)) {
+        fail("duplicate element path");
+        return false;
+    }
+    Element e;
+    e.path = path;
+    e.type = std::move(type);
+    if (keyword.text == "over") e.specifier = Specifier::Over;
+    return parseBody(path, e);
+}
+
+bool Parser::parseBody(const Path& path, Element& element) {
+    Current c;
+    c.path = &path;
+    c.pending = &element;
+    for (;;) {
+        const Token t = lex_.peek();
+        if (t.kind == Tok::RBrace) {
+            lex_.next();
+            insertPending(c);
+            return true;
+        }
+        if (t.kind != Tok::Ident) return false;
+        const std::string_view w = t.text;
+        bool ok;
+        if (w == "def" || w == "over") {
+            insertPending(c);
+            ok = parseDef(path);
+        } else if (w == "delete") {
+            ok = parseDelete();
+        } else if (w == "disconnect") {
+            ok = parseDisconnect();
+        } else if (w == "connect") {
+            ok = parseConnect(path);
+        } else if (w == "unset") {
+            ok = parseUnset(c);
+        } else if (w == "string") {
+            ok = parseMetadata(c);
+        } else if (w == "reference") {
+            ok = parseReference(c);
+        } else {
+            ok = parseProperty(c);
+        }
+        if (!ok) return false;
+    }
+}
+
+bool Parser::parseUnset(Current& c) {
+    lex_.next();
+    const Token first = lex_.next();
+    if (first.kind == Tok::Ident && first.text == "string") {
+        // "unset string" ending its line unsets the property named "string": the writer puts
+        // every statement on a line of its own and doesn't quote that name.
+        const Token key = lex_.peek();
+        if (lex_.lineBreakBefore(key)) {
+            current(c).unsetProperties.insert("string");
+            return true;
+        }
+        lex_.next();
+        if (key.kind == Tok::Ident) {
+            current(c).unsetMetadata.emplace(key.text);
+            return true;
+        }
+        if (key.kind == Tok::String) {
+            current(c).unsetMetadata.insert(stringValue(key));
+            return true;
+        }
+        fail("expected a name after 'unset'");
+        return false;
+    }
+    if (first.kind == Tok::Ident) {
+        current(c).unsetProperties.emplace(first.text);
+        return true;
+    }
+    if (first.kind == Tok::String) {
+        current(c).unsetProperties.insert(stringValue(first));
+        return true;
+    }
+    fail("expected a name after 'unset'");
+    return false;
+}
+
+bool Parser::parseMetadata(Current& c) {
+    lex_.next();
+    const Token key = lex_.next();
+    if (key.kind != Tok::Ident && key.kind != Tok::String) {
+        fail("expected a metadata key");
+        return false;
+    }
+    if (!lex_.expect(Tok::Equals)) {
+        fail("expected '=' after the property name");
+        return false;
+    }
+    Token value;
+    if (!lex_.expect(Tok::String, &value)) return false;
+    std::string k = key.kind == Tok::String ? stringValue(key) : std::string(key.text);
+    current(c).metadata.insert_or_assign(std::move(k), stringValue(value));
+    return true;
+}
+
+bool Parser::parseReference(Current& c) {
+    // "reference" is a statement only with a string after it; otherwise it starts a property.
+    const Lexer::State before = lex_.save();
+    lex_.next();
+    const Token path = lex_.peek();
+    if (path.kind != Tok::String) {
+        lex_.restore(before);
+        return parseProperty(c);
+    }
+    lex_.next();
+    Element& e = current(c);
+    e.metadata.insert_or_assign("reference", stringValue(path));
+    const Token inside = lex_.peek();
+    if (inside.kind == Tok::String) {
+        lex_.next();
+        e.metadata.insert_or_assign("referencePath", stringValue(inside));
+    }
+    return true;
+}
+
+bool Parser::parseDims(Decl& decl) {
+    std::size_t count = 1;
+    for (;;) {
+        const Token t = lex_.next();
+        if (t.kind != Tok::Number) return false;
+        const std::int64_t d = toInt(t.text);
+        if (d < 0 || d > 4294967295LL) return false;
+        const auto dim = static_cast<std::size_t>(d);
+        if (dim != 0) {
+            if (count > lex_.left() / dim) return false;
+            count *= dim;
+        }
+        decl.shape.push_back(static_cast<std::uint32_t>(dim));
+        const Token sep = lex_.next();
+        if (sep.kind == Tok::RBracket) return true;
+        if (sep.kind != Tok::Comma) return false;
+    }
+}
+
+// Reads the type token `word` (already consumed) and what belongs to it.
+bool Parser::parseDecl(std::string_view word, Decl& decl) {
+    if (auto simple = simpleTypeFromToken(word)) {
+        decl.kind = Decl::Simple;
+        decl.type = *simple;
+        if (lex_.peek().kind != Tok::LBracket) return true;
+        lex_.next();
+        if (*simple == Type::Bool) {
+            decl.kind = Decl::General;
+            decl.dtype = DType::Bool;
+            return parseDims(decl);
+        }
+        if (*simple != Type::Float2 && *simple != Type::Int && *simple != Type::Float) return false;
+        if (!lex_.expect(Tok::RBracket)) return false;
+        decl.type = *simple == Type::Float2 ? Type::Float2Array : *simple == Type::Int ? Type::IntArray : Type::FloatArray;
+        return true;
+    }
+    if (auto dtype = dtypeFromToken(word)) {
+        decl.kind = Decl::General;
+        decl.dtype = *dtype;
+        if (lex_.peek().kind != Tok::LBracket) return true;
+        lex_.next();
+        if (lex_.peek().kind == Tok::RBracket) {
+            lex_.next();
+            decl.dynamic = true;
+            return true;
+        }
+        return parseDims(decl);
+    }
+    if (auto alias = aliasFromName(word)) {
+        decl.kind = Decl::General;
+        decl.dtype = alias->dtype;
+        decl.shape = std::move(alias->shape);
+        decl.typeName = std::string(word);
+        return true;
+    }
+    decl.kind = Decl::Untyped;
+    return true;
+}
+
+// Extends a bare name over its ".word" parts. Parts are taken byte by byte, so that every name
+// the writer leaves bare reads back: "a.1x", "a..b" and "a." included. With `samplesWord` the
+// part "timeSamples" ends the name and marks a time samples block.
+bool Parser::nameTail(std::string& name, bool samplesWord, bool& samples) {
+    const std::string_view text = lex_.text();
+    for (;;) {
+        if (lex_.peek().kind != Tok::Dot) return true;
+        lex_.next();
+        std::size_t p = lex_.pos();
+        std::string_view word;
+        if (p < text.size() && isNameByte(text[p])) {
+            const std::size_t from = p;
+            while (p < text.size() && isNameByte(text[p])) ++p;
+            word = text.substr(from, p - from);
+            lex_.setPos(p);
+        } else if (p < text.size() && text[p] == '.') {
+            name += '.';
+            continue;
+        } else {
+            const Token t = lex_.peek();
+            if (t.kind == Tok::Equals) {
+                name += '.';
+                return true;
+            }
+            if (t.kind != Tok::Ident) {
+                lex_.next();
+                return false;
+            }
+            lex_.next();
+            word = t.text;
+        }
+        if (samplesWord && word == "timeSamples") {
+            samples = true;
+            return true;
+        }
+        name += '.';
+        name += word;
+    }
+}
+
+bool Parser::parseProperty(Current& c) {
+    const Token first = lex_.next();
+    Decl decl;
+    if (!parseDecl(first.text, decl)) return false;
+
+    std::string name;
+    bool samples = false;
+    if (decl.kind == Decl::Untyped) {
+        name = std::string(first.text);
+        if (!nameTail(name, true, samples)) return false;
+    } else {
+        const Token n = lex_.next();
+        if (n.kind == Tok::String) {
+            name = stringValue(n);
+            // A quoted name may carry the time samples suffix too: the writer quotes the names
+            // of animated properties like any other.
+            if (lex_.peek().kind == Tok::Dot) {
+                const Lexer::State before = lex_.save();
+                lex_.next();
+                const Token word = lex_.peek();
+                if (word.kind == Tok::Ident && word.text == "timeSamples") {
+                    lex_.next();
+                    samples = true;
+                } else {
+                    lex_.restore(before);
+                }
+            }
+        } else if (n.kind == Tok::Ident) {
+            name = std::string(n.text);
+            if (!nameTail(name, true, samples)) return false;
+        } else {
+            fail("expected a property name");
+            return false;
+        }
+    }
+
+    if (!lex_.expect(Tok::Equals)) {
+        fail("expected '=' after the property name");
+        return false;
+    }
+    if (decl.kind == Decl::Untyped) {
+        fail("unknown type or untyped property");
+        return false;
+    }
+    if (samples) return parseSamples(c, decl, name);
+
+    Value value;
+    if (!parseValue(decl, value, false)) {
+        fail("invalid value for its declared type");
+        return false;
+    }
+    auto& properties = current(c).properties;
+    // Writers emit properties in key order, so the new one usually belongs at the end.
+    auto at = properties.end();
+    if (!properties.empty() && !(std::prev(at)->first < name)) at = properties.lower_bound(name);
+    if (at != properties.end() && at->first == name) {
+        at->second.value = std::move(value);
+        if (!decl.typeName.empty()) at->second.typeName = std::move(decl.typeName);
+    } else {
+        properties.emplace_hint(at, std::move(name), Property{std::move(value), std::nullopt, std::move(decl.typeName)});
+    }
+    return true;
+}
+
+bool Parser::zeroValue(const Decl& decl, Value& out) {
+    if (decl.kind == Decl::Simple) {
+        switch (decl.type) {
+            case Type::Float: out = Value(0.0f); return true;
+            case Type::Int: out = Value(std::int64_t{0}); return true;
+            case Type::Bool: out = Value(false); return true;
+            case Type::Float2: out = Value(std::array<float, 2>{}); return true;
+            case Type::Float3: out = Value(std::array<float, 3>{}); return true;
+            case Type::Matrix: out = Value(std::array<float, 6>{1, 0, 0, 1, 0, 0}); return true;
+            case Type::Spectrum: out = Value(std::array<float, 32>{}); return true;
+            case Type::Float2Array: out = Value(std::vector<std::array<float, 2>>{}); return true;
+            case Type::IntArray: out = Value(std::vector<std::int64_t>{}); return true;
+            case Type::FloatArray: out = Value(std::vector<float>{}); return true;
+            case Type::General: break;
+        }
+        return false;
+    }
+    out = Value();
+    out.dtype = decl.dtype;
+    out.data.clear();
+    out.shape = decl.dynamic ? std::vector<std::uint32_t>{0} : decl.shape;
+    const std::size_t n = out.count();
+    if (!takeUnbacked(n)) return false;
+    if (decl.dtype == DType::Str)
+        out.strings.resize(n);
+    else
+        out.data.assign(n * dtypeWidth(decl.dtype), 0);
+    return true;
+}
+
+bool Parser::parseSamples(Current& c, const Decl& decl, const std::string& name) {
+    if (!lex_.expect(Tok::LBrace)) return false;
+    std::optional<Value> zero;
+    if (!current(c).properties.count(name)) {
+        zero.emplace();
+        if (!zeroValue(decl, *zero)) return false;
+    }
+
+    std::vector<KeyStatement> keys;
+    bool sorted = true;
+    for (;;) {
+        if (lex_.peek().kind == Tok::RBrace) {
+            lex_.next();
+            break;
+        }
+        KeyStatement key;
+        if (!parseKeyframe(decl, key)) return false;
+        if (!keys.empty() && !(keys.back().time < key.time)) sorted = false;
+        keys.push_back(std::move(key));
+        if (lex_.peek().kind == Tok::Comma) lex_.next();
+    }
+
+    auto& properties = current(c).properties;
+    auto it = properties.find(name);
+    if (it == properties.end()) it = properties.emplace(name, Property{std::move(*zero), std::nullopt, {}}).first;
+    Property& p = it->second;
+    if (!decl.typeName.empty()) p.typeName = decl.typeName;
+    if (keys.empty()) return true;
+    if (!p.samples) p.samples.emplace();
+
+    // Each statement sets its time as TimeSamples::set and setHandles would, one after the
+    // other: the last value and interpolation win, handles stay unless a statement gives some.
+    // Sorting and merging does the same without inserting into the middle of the curve.
+    if (!sorted)
+        std::stable_sort(keys.begin(), keys.end(),
+                         [](const KeyStatement& a, const KeyStatement& b) { return a.time < b.time; });
+    std::vector<Keyframe>& old = p.samples->keys;
+    std::vector<Keyframe> merged;
+    merged.reserve(old.size() + keys.size());
+    std::size_t o = 0;
+    for (std::size_t i = 0; i < keys.size();) {
+        const double t = keys[i].time;
+        while (o < old.size() && old[o].time < t) merged.push_back(std::move(old[o++]));
+        Keyframe k;
+        if (o < old.size() && old[o].time == t) k = std::move(old[o++]);
+        k.time = t;
+        for (; i < keys.size() && keys[i].time == t; ++i) {
+            KeyStatement& s = keys[i];
+            k.value = std::move(s.value);
+            k.interp = s.interp;
+            if (s.handles) {
+                k.handle = s.handle;
+                k.left = std::move(s.left);
+                k.right = std::move(s.right);
+            }
+        }
+        merged.push_back(std::move(k));
+    }
+    while (o < old.size()) merged.push_back(std::move(old[o++]));
+    old = std::move(merged);
+    return true;
+}
+
+bool Parser::parseKeyframe(const Decl& decl, KeyStatement& key) {
+    Token t;
+    if (!lex_.expect(Tok::Number, &t)) return false;
+    key.time = writtenTime(toDouble(t.text));
+    if (!lex_.expect(Tok::Colon)) return false;
+    if (!parseValue(decl, key.value, true)) {
+        fail("invalid value for its declared type");
+        return false;
+    }
+    if (lex_.peek().kind != Tok::LParen) return true;
+    lex_.next();
+    if (!lex_.expect(Tok::Ident, &t) || t.text != "interp") return false;
+    if (!lex_.expect(Tok::Equals)) {
+        fail("expected '=' after the property name");
+        return false;
+    }
+    if (!lex_.expect(Tok::Ident, &t)) return false;
+    if (t.text == "held")
+        key.interp = Interp::Held;
+    else if (t.text == "linear")
+        key.interp = Interp::Linear;
+    else if (t.text == "bezier")
+        key.interp = Interp::Bezier;
+    else
+        return false;
+    std::vector<double> left;
+    std::vector<double> right;
+    for (;;) {
+        t = lex_.next();
+        if (t.kind == Tok::RParen) break;
+        if (t.kind != Tok::Comma) return false;
+        Token k;
+        if (!lex_.expect(Tok::Ident, &k) || !lex_.expect(Tok::Equals)) return false;
+        if (k.text == "handle") {
+            if (!lex_.expect(Tok::Ident, &t)) return false;
+            if (t.text == "auto")
+                key.handle = HandleType::Auto;
+            else if (t.text == "vector")
+                key.handle = HandleType::Vector;
+            else if (t.text == "aligned")
+                key.handle = HandleType::Aligned;
+            else if (t.text == "free")
+                key.handle = HandleType::Free;
+            else
+                return false;
+        } else if (k.text == "left" || k.text == "right") {
+            std::vector<double>& list = k.text == "left" ? left : right;
+            if (!lex_.expect(Tok::LBracket)) return false;
+            for (;;) {
+                t = lex_.next();
+                if (t.kind == Tok::RBracket) break;
+                if (t.kind != Tok::Number) return false;
+                list.push_back(toDouble(t.text));
+                if (lex_.peek().kind == Tok::Comma) lex_.next();
+            }
+        } else {
+            return false;
+        }
+    }
+    key.left = pairsOf(left);
+    key.right = pairsOf(right);
+    key.handles = key.handle != HandleType::Auto || !key.left.empty() || !key.right.empty();
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Values
+
+bool Parser::parseValue(const Decl& decl, Value& out, bool keyframe) {
+    if (decl.kind == Decl::Simple) return parseTypedValue(decl.type, out);
+    // A keyframe's value is written in its own shape, which may differ from the property's,
+    // so its brackets decide the shape.
+    if (keyframe) return parseInferred(decl.dtype, out);
+    return parseGeneralValue(decl.dtype, decl.shape, decl.dynamic, out);
+}
+
+bool Parser::parseNumber(double& out) {
+    Token t;
+    if (!lex_.expect(Tok::Number, &t)) return false;
+    out = toDouble(t.text);
+    return true;
+}
+
+// Numbers into numbers_, up to `close`, commas required between them. `exact` (0 for any)
+// fixes the count; a comma may follow the last one when `trailingComma` allows.
+bool Parser::parseNumbers(std::size_t exact, Tok close, bool trailingComma) {
+    numbers_.clear();
+    if (exact == 0 && lex_.peek().kind == close) {
+        lex_.next();
+        return true;
+    }
+    for (;;) {
+        double d = 0;
+        if (!parseNumber(d)) return false;
+        numbers_.push_back(d);
+        if (exact != 0 && numbers_.size() == exact) {
+            if (trailingComma && lex_.peek().kind == Tok::Comma) lex_.next();
+            return lex_.expect(close);
+        }
+        const Token t = lex_.next();
+        if (t.kind == close) return exact == 0;
+        if (t.kind != Tok::Comma) return false;
+        if (exact == 0 && trailingComma && lex_.peek().kind == close) {
+            lex_.next();
+            return true;
+        }
+    }
+}
+
+template <std::size_t N>
+bool Parser::parseTuple(std::array<float, N>& out) {
+    if (!lex_.expect(Tok::LParen) || !parseNumbers(N, Tok::RParen, true)) return false;
+    for (std::size_t i = 0; i < N; ++i) out[i] = static_cast<float>(numbers_[i]);
+    return true;
+}
+
+bool Parser::parseTypedValue(Type type, Value& out) {
+    switch (type) {
+        case Type::Float: {
+            double d = 0;
+            if (!parseNumber(d)) return false;
+            out = Value(static_cast<float>(d));
+            return true;
+        }
+        case Type::Int: {
+            Token t;
+            if (!lex_.expect(Tok::Number, &t)) return false;
+            out = Value(toInt(t.text));
+            return true;
+        }
+        case Type::Bool: {
+            Token t;
+            if (!lex_.expect(Tok::Ident, &t) || (t.text != "true" && t.text != "false")) return false;
+            out = Value(t.text == "true");
+            return true;
+        }
+        case Type::Float2: {
+            std::array<float, 2> a;
+            if (!parseTuple(a)) return false;
+            out = Value(a);
+            return true;
+        }
+        case Type::Float3: {
+            std::array<float, 3> a;
+            if (!parseTuple(a)) return false;
+            out = Value(a);
+            return true;
+        }
+        case Type::Matrix: {
+            std::array<float, 6> a;
+            if (!parseTuple(a)) return false;
+            out = Value(a);
+            return true;
+        }
+        case Type::Spectrum: {
+            if (!lex_.expect(Tok::LBracket) || !parseNumbers(32, Tok::RBracket, true)) return false;
+            std::array<float, 32> a;
+            for (std::size_t i = 0; i < 32; ++i) a[i] = static_cast<float>(numbers_[i]);
+            out = Value(a);
+            return true;
+        }
+        case Type::Float2Array: {
+            if (!lex_.expect(Tok::LBracket)) return false;
+            std::vector<std::array<float, 2>> pairs;
+            if (lex_.peek().kind == Tok::RBracket) {
+                lex_.next();
+            } else {
+                for (;;) {
+                    std::array<float, 2> a;
+                    if (!parseTuple(a)) return false;
+                    pairs.push_back(a);
+                    const Token t = lex_.next();
+                    if (t.kind == Tok::RBracket) break;
+                    if (t.kind != Tok::Comma) return false;
+                    if (lex_.peek().kind == Tok::RBracket) {
+                        lex_.next();
+                        break;
+                    }
+                }
+            }
+            out = Value(pairs);
+            return true;
+        }
+        case Type::IntArray: {
+            if (!lex_.expect(Tok::LBracket)) return false;
+            std::vector<std::int64_t> ints;
+            if (lex_.peek().kind == Tok::RBracket) {
+                lex_.next();
+            } else {
+                for (;;) {
+                    Token t;
+                    if (!lex_.expect(Tok::Number, &t)) return false;
+                    ints.push_back(toInt(t.text));
+                    t = lex_.next();
+                    if (t.kind == Tok::RBracket) break;
+                    if (t.kind != Tok::Comma) return false;
+                    if (lex_.peek().kind == Tok::RBracket) {
+                        lex_.next();
+                        break;
+                    }
+                }
+            }
+            out = Value(ints);
+            return true;
+        }
+        case Type::FloatArray: {
+            // An array of two or three floats is written as a tuple, since that is its type.
+            const Token open = lex_.next();
+            if (open.kind == Tok::LParen) {
+                if (!parseNumbers(0, Tok::RParen, true) || (numbers_.size() != 2 && numbers_.size() != 3))
+                    return false;
+            } else if (open.kind != Tok::LBracket || !parseNumbers(0, Tok::RBracket, true)) {
+                return false;
+            }
+            std::vector<float> floats(numbers_.size());
+            for (std::size_t i = 0; i < numbers_.size(); ++i) floats[i] = static_cast<float>(numbers_[i]);
+            out = Value(floats);
+            return true;
+        }
+        case Type::General: break;
+    }
+    return false;
+}
+
+bool Parser::parseNumLeaf(DType dtype, std::vector<std::uint8_t>& out) {
+    Token t = lex_.next();
+    switch (dtype) {
+        case DType::Bool:
+            if (t.kind != Tok::Ident || (t.text != "true" && t.text != "false")) return false;
+            out.push_back(t.text == "true" ? 1 : 0);
+            return true;
+        case DType::Char:
+            if (t.kind != Tok::Char) return false;
+            out.push_back(static_cast<std::uint8_t>(t.escaped ? unescaped(t.text[1]) : t.text[0]));
+            return true;
+        case DType::Str: return false;
+        default: break;
+    }
+    if (t.kind != Tok::Number) return false;
+    switch (dtype) {
+        case DType::Int8: append(out, static_cast<std::uint8_t>(toInt(t.text))); return true;
+        case DType::Int16: append(out, static_cast<std::uint16_t>(toInt(t.text))); return true;
+        case DType::Int32: append(out, static_cast<std::uint32_t>(toInt(t.text))); return true;
+        case DType::Int64: append(out, toInt(t.text)); return true;
+        case DType::UInt8: append(out, static_cast<std::uint8_t>(toUInt(t.text))); return true;
+        case DType::UInt16: append(out, static_cast<std::uint16_t>(toUInt(t.text))); return true;
+        case DType::UInt32: append(out, static_cast<std::uint32_t>(toUInt(t.text))); return true;
+        case DType::UInt64: append(out, toUInt(t.text)); return true;
+        case DType::Float32: append(out, static_cast<float>(toDouble(t.text))); return true;
+        case DType::Float64: append(out, toDouble(t.text)); return true;
+        case DType::Float16: append(out, floatToHalf(static_cast<float>(toDouble(t.text)))); return true;
+        default: return false;
+    }
+}
+
+bool Parser::parseStringLeaf(std::vector<std::string>& out) {
+    Token t;
+    if (!lex_.expect(Tok::String, &t)) return false;
+    out.push_back(stringValue(t));
+    return true;
+}
+
+bool Parser::parseGeneralValue(DType dtype, const std::vector<std::uint32_t>& shape, bool dynamic, Value& out) {
+    out.dtype = dtype;
+    out.shape = shape;
+    out.data.clear();
+    out.strings.clear();
+    if (shape.empty() && !dynamic) return parseLeaf(dtype, out);
+
+    if (dtype == DType::Str) {
+        if (!lex_.expect(Tok::LBracket)) return false;
+        if (!dynamic && shape.size() >= 2 && lex_.peek().kind == Tok::LBracket) {
+            // Nested, as the writer puts a string array of rank two or more.
+            return parseNumNested(dtype, shape, out);
+        }
+        for (;;) {
+            const Token t = lex_.next();
+            if (t.kind == Tok::RBracket) break;
+            if (t.kind != Tok::String) return false;
+            out.strings.push_back(stringValue(t));
+            if (lex_.peek().kind == Tok::Comma) lex_.next();
+        }
+        if (dynamic) {
+            if (out.strings.size() > std::numeric_limits<std::uint32_t>::max()) return false;
+            out.shape = {static_cast<std::uint32_t>(out.strings.size())};
+            return true;
+        }
+        // The declared shape stands; the strings are fitted to it so the value stays whole.
+        const std::size_t n = out.count();
+        if (out.strings.size() < n && !takeUnbacked(n - out.strings.size())) return false;
+        out.strings.resize(n);
+        return true;
+    }
+
+    if (dynamic) {
+        if (!lex_.expect(Tok::LBracket)) return false;
+        for (;;) {
+            if (lex_.peek().kind == Tok::RBracket) {
+                lex_.next();
+                break;
+            }
+            if (!parseNumLeaf(dtype, out.data)) return false;
+            if (lex_.peek().kind == Tok::Comma) lex_.next();
+        }
+        const std::size_t n = out.data.size() / dtypeWidth(dtype);
+        if (n > std::numeric_limits<std::uint32_t>::max()) return false;
+        out.shape = {static_cast<std::uint32_t>(n)};
+        return true;
+    }
+    if (!lex_.expect(Tok::LBracket)) return false;
+    return parseNumNested(dtype, shape, out);
+}
+
+// The bracketed form of a declared shape, the first "[" already consumed: exactly shape[d]
+// items in each dimension, commas between, an optional trailing comma. Walked with a counter
+// per dimension, since the rank comes from the text and is not bounded.
+bool Parser::parseNumNested(DType dtype, const std::vector<std::uint32_t>& shape, Value& out) {
+    const std::size_t rank = shape.size();
+    if (dtype != DType::Str) out.data.reserve(out.count() * dtypeWidth(dtype));
+    std::vector<std::uint32_t> done(rank, 0);
+    std::size_t dim = 0;
+    for (;;) {
+        if (done[dim] == shape[dim]) {
+            if (shape[dim] != 0 && lex_.peek().kind == Tok::Comma) lex_.next();
+            if (!lex_.expect(Tok::RBracket)) return false;
+            if (dim == 0) return true;
+            ++done[--dim];
+            continue;
+        }
+        if (done[dim] != 0 && !lex_.expect(Tok::Comma)) return false;
+        if (dim + 1 == rank) {
+            if (!parseLeaf(dtype, out)) return false;
+            ++done[dim];
+        } else {
+            if (!lex_.expect(Tok::LBracket)) return false;
+            done[++dim] = 0;
+        }
+    }
+}
+
+// A value whose shape its brackets tell: a leaf alone is a scalar, and nested lists must be
+// regular. Commas between items are optional.
+bool Parser::parseInferred(DType dtype, Value& out) {
+    out.dtype = dtype;
+    out.shape.clear();
+    out.data.clear();
+    out.strings.clear();
+    if (lex_.peek().kind != Tok::LBracket) return parseLeaf(dtype, out);
+    lex_.next();
+
+    constexpr std::int64_t kUnknown = -1;
+    std::vector<std::int64_t> dims{kUnknown};  // size of each dimension once a list closed there
+    std::vector<std::uint64_t> items{0};       // items so far in the open list at each depth
+    std::size_t rank = 0;                      // 0 while no leaf or empty list fixed it
+    std::size_t depth = 0;
+    for (;;) {
+        const Token t = lex_.peek();
+        if (t.kind == Tok::RBracket) {
+            lex_.next();
+            const std::uint64_t n = items[depth];
+            if (n == 0) {
+                if (rank == 0) rank = depth + 1;
+                if (rank != depth + 1) return false;
+            }
+            if (n > std::numeric_limits<std::uint32_t>::max()) return false;
+            if (dims[depth] == kUnknown)
+                dims[depth] = static_cast<std::int64_t>(n);
+            else if (dims[depth] != static_cast<std::int64_t>(n))
+                return false;
+            if (depth == 0) break;
+            ++items[--depth];
+        } else if (t.kind == Tok::LBracket) {
+            lex_.next();
+            if (rank != 0 && depth + 1 >= rank) return false;
+            ++depth;
+            if (dims.size() <= depth) {
+                dims.push_back(kUnknown);
+                items.push_back(0);
+            }
+            items[depth] = 0;
+        } else {
+            if (rank == 0) rank = depth + 1;
+            if (rank != depth + 1) return false;
+            if (!parseLeaf(dtype, out)) return false;
+            ++items[depth];
+        }
+        if (lex_.peek().kind == Tok::Comma) lex_.next();
+    }
+    out.shape.reserve(rank);
+    for (std::size_t d = 0; d < rank; ++d) out.shape.push_back(static_cast<std::uint32_t>(dims[d]));
+    return true;
+}
+
+}  // namespace
+
+std::optional<Document> parseZelthaText(std::string_view text, ParseError* error) {
+    auto headerFailure = [&]() -> std::optional<Document> {
+        if (error) {
+            error->line = 1;
+            error->column = 1;
+            error->message = "missing or unsupported '#zeltha <version>' header";
+        }
+        return std::nullopt;
+    };
+    auto isSpace = [](char c) { return c == '\t' || c == '\n' || c == '\r' || c == ' '; };
+
+    const std::size_t n = text.size();
+    std::size_t i = 0;
+    while (i < n && isSpace(text[i])) ++i;
+    if (i == n || n - i <= 7 || text.substr(i, 7) != "#zeltha") return headerFailure();
+    i += 7;
+    while (i < n && (text[i] == ' ' || text[i] == '\t')) ++i;
+    if (i == n) return headerFailure();
+    std::size_t end = i;
+    while (end < n && !isSpace(text[end])) ++end;
+    const std::string_view version = text.substr(i, end - i);
+    if (version != "1.0" && version != "2.0" && version != "3.0" && version != "4.0") return headerFailure();
+    const std::size_t lf = text.find('\n', end);
+    const std::size_t bodyStart = lf == std::string_view::npos ? n : lf + 1;
+    const std::string_view body = text.substr(bodyStart);
+
+    Document doc;
+    Parser parser(body, doc);
+    if (parser.parseTop()) return doc;
+    parser.failGeneral();
+    if (error) {
+        // Positions are counted only now, once, from the start of the text.
+        const std::size_t at = bodyStart + parser.failOffset();
+        std::size_t line = 1;
+        std::size_t lineStart = 0;
+        for (const char* p = text.data(); (p = static_cast<const char*>(std::memchr(p, '\n', at - (p - text.data())))); ++p) {
+            ++line;
+            lineStart = static_cast<std::size_t>(p - text.data()) + 1;
+        }
+        error->line = static_cast<unsigned>(line);
+        error->column = static_cast<unsigned>(at - lineStart + 1);
+        error->message = parser.message();
+    }
+    return std::nullopt;
+}
+
+}  // namespace ostrevik
