@@ -31,9 +31,18 @@ function listeningPort() {
   });
 }
 
+// Every exchange the client makes, as "METHOD status".
+const exchanges = [];
+async function recordingFetch(input, init) {
+  const response = await fetch(input, init);
+  exchanges.push(`${init?.method ?? 'GET'} ${response.status}`);
+  return response;
+}
+
 function connectWith(url, auth) {
   const transport = new StreamableHTTPClientTransport(url, {
     requestInit: { headers: { Authorization: auth } },
+    fetch: recordingFetch,
   });
   const client = new Client({ name: 'ostrevik-e2e', version: '0.1.0' });
   return { client, transport };
@@ -65,7 +74,10 @@ try {
   // The GET stream that follows the initialized notification is refused with 405 and must not
   // have raised an error.
   if (errors.length) throw errors[0];
-  console.log(`http: ${checks} checks passed`);
+  for (const seen of ['POST 401', 'POST 200', 'POST 202', 'GET 405', 'DELETE 405']) {
+    if (!exchanges.includes(seen)) throw new Error(`no ${seen} among ${exchanges.join(', ')}`);
+  }
+  console.log(`http: ${checks} checks passed (${exchanges.join(", ")})`);
 } catch (error) {
   console.error('http: FAILED', error);
   console.error(log);

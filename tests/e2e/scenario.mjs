@@ -43,7 +43,7 @@ export async function exercise(client) {
         'set /world/ball.label');
   check(await ok(client, 'get_element', { path: '/world/ball' }),
         'path: /world/ball\ntype: Sphere\nproperties:\n  color : float32[3] (3 elems)\n' +
-        '  label : string = "hi "there""\n  radius : float64 = 2\nmetadata:\nchildren:\n');
+        '  label : str = "hi "there""\n  radius : float64 = 2\nmetadata:\nchildren:\n');
   check(await ok(client, 'get_element', { path: '/world' }),
         'path: /world\ntype: Xform\nproperties:\nmetadata:\nchildren:\n  /world/ball\n');
   check(await ok(client, 'describe', {}),

@@ -19,7 +19,6 @@ client.onerror = (error) => errors.push(error);
 try {
   await client.connect(transport);
   const checks = await exercise(client);
-  await client.close();
   if (errors.length) throw errors[0];
   if (!log.includes('] initialize\n')) throw new Error(`no initialize in the log:\n${log}`);
   console.log(`stdio: ${checks} checks passed`);
@@ -28,5 +27,6 @@ try {
   console.error(log);
   process.exitCode = 1;
 } finally {
+  await client.close().catch(() => {});
   rmSync(root, { recursive: true, force: true });
 }
