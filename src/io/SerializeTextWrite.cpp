@@ -225,7 +225,10 @@ class Out {
 public:
     explicit Out(std::size_t expected) { buf_.resize(std::max<std::size_t>(expected, 64)); }
 
-    void put(char c) { *room(1) = c, ++len_; }
+    void put(char c) {
+        *room(1) = c;
+        ++len_;
+    }
     void put(std::string_view s) {
         std::memcpy(room(s.size()), s.data(), s.size());
         len_ += s.size();

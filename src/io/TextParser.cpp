@@ -428,7 +428,6 @@ public:
     Parser(std::string_view body, Document& doc) : lex_(body), doc_(&doc), unbackedLeft_(body.size()) {}
 
     bool parseTop();
-    bool failed() const { return !message_.empty(); }
     const std::string& message() const { return message_; }
     std::size_t failOffset() const { return failOffset_; }
     void failGeneral() {
@@ -907,11 +906,11 @@ bool Parser::parseDims(Decl& decl) {
         if (t.kind != Tok::Number) return false;
         const std::int64_t d = toInt(t.text);
         if (d < 0 || d > 4294967295LL) return false;
+        // A declared shape may not ask for more elements than the text has bytes left; after a
+        // zero dimension there are no elements at all.
         const auto dim = static_cast<std::size_t>(d);
-        if (dim != 0) {
-            if (count > lex_.left() / dim) return false;
-            count *= dim;
-        }
+        if (dim != 0 && count > lex_.left() / dim) return false;
+        count *= dim;
         decl.shape.push_back(static_cast<std::uint32_t>(dim));
         const Token sep = lex_.next();
         if (sep.kind == Tok::RBracket) return true;

@@ -212,6 +212,8 @@ TEST(TextParse, ValueForms) {
     EXPECT_EQ(valueOf("str[1] v = [\"a\", \"b\"]")->strings, std::vector<std::string>{"a"});
     EXPECT_EQ(valueOf("str[2,2] v = [[\"a\", \"b\"], [\"c\", \"d\"]]")->strings,
               (std::vector<std::string>{"a", "b", "c", "d"}));
+    // No elements after a zero dimension, however large the next one.
+    EXPECT_EQ(valueOf("int32[0,4000000000] v = []")->shape, (std::vector<std::uint32_t>{0, 4000000000u}));
 
     auto doc = parse("def \"e\" {\n color3f c = [1, 0, 0]\n float3 p = (1, 0, 0)\n}\n");
     ASSERT_TRUE(doc);
