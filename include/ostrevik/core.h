@@ -292,6 +292,9 @@ public:
 
     // Editing.
     void insert(Element element);
+    // Appends the elements as `insert` would one at a time, indexing them in one pass. False
+    // when one of them landed on a path already taken (byPath then names the later one).
+    bool insertAll(std::vector<Element> elements);
     Path addChild(const Path& parent, std::string_view type);
     void remove(const Path& path);
     Path rename(const Path& from, const Path& to);

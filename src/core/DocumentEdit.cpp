@@ -62,6 +62,25 @@ void Document::insert(Element element) {
     indexLast(rep);
 }
 
+bool Document::insertAll(std::vector<Element> elements) {
+    Rep& rep = w();
+    const std::size_t distinctBefore = rep.byPath.size();
+    const std::size_t count = elements.size();
+    if (rep.elements.empty()) {
+        // Indexing everything afresh gives what inserting one by one would, without growing
+        // the tables step by step.
+        rep.elements = std::move(elements);
+        reindex(rep);
+    } else {
+        rep.elements.reserve(rep.elements.size() + count);
+        for (Element& e : elements) {
+            rep.elements.push_back(std::move(e));
+            indexLast(rep);
+        }
+    }
+    return rep.byPath.size() == distinctBefore + count;
+}
+
 Path Document::addChild(const Path& parent, std::string_view type) {
     Rep& rep = w();
     std::uint64_t n = 0;

@@ -500,13 +500,15 @@ private:
     bool readElements() {
         std::uint32_t n;
         if (!in_.getCount(n, 16)) return false;
+        std::vector<Element> elements;
+        elements.reserve(n);  // bounded by the bytes left, checked above
         for (std::uint32_t i = 0; i < n; ++i) {
             std::string_view pathText, type;
             if (!getRef(pathText) || !getRef(type)) return false;
             auto path = Path::parse(pathText);
-            // An element stands on an element path, and on each one only once.
-            if (!path || path->property || doc_.has(*path)) return in_.ok = false;
-            Element e;
+            // An element stands on an element path, and on each one only once (checked below).
+            if (!path || path->property) return in_.ok = false;
+            Element& e = elements.emplace_back();
             e.path = std::move(*path);
             e.type.assign(type);
             if (!readProperties(e)) return false;
@@ -521,9 +523,8 @@ private:
             if (!in_.getU8(over)) return false;
             e.specifier = over ? Specifier::Over : Specifier::Def;
             if (!readNameSet(e.unsetProperties) || !readNameSet(e.unsetMetadata)) return false;
-            doc_.insert(std::move(e));
         }
-        return true;
+        return doc_.insertAll(std::move(elements)) || (in_.ok = false);
     }
 
     bool readConnections() {

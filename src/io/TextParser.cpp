@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace ostrevik {
 
@@ -425,9 +426,17 @@ std::vector<std::pair<double, double>> pairsOf(const std::vector<double>& number
 
 class Parser {
 public:
-    Parser(std::string_view body, Document& doc) : lex_(body), doc_(&doc), unbackedLeft_(body.size()) {}
+    Parser(std::string_view body, Document& doc) : lex_(body), doc_(&doc), unbackedLeft_(body.size()) {
+        // Every block opens with a brace: counting them sizes the element list in one step
+        // rather than by repeated doubling. A block takes at least five bytes ("def{}").
+        const std::size_t blocks = static_cast<std::size_t>(std::count(body.begin(), body.end(), '{'));
+        elements_.reserve(std::min(blocks, body.size() / 5));
+        blockOffsets_.reserve(elements_.capacity());
+    }
 
     bool parseTop();
+    // Hands the elements read to the document; false (and the message set) when two share a path.
+    bool finish();
     const std::string& message() const { return message_; }
     std::size_t failOffset() const { return failOffset_; }
     void failGeneral() {
@@ -444,31 +453,15 @@ private:
         failOffset_ = lex_.pos();
     }
 
-    // The element whose body is being read. It is built aside and joins the document just
-    // before its first child (or at its end), which keeps document order; statements after a
-    // child, which the writer never puts there, reach it in the document.
+    // The element whose body is being read, by its place in elements_ (which may move as it grows).
     struct Current {
-        const Path* path = nullptr;
-        Element* pending = nullptr;
-        Element* element = nullptr;
-        const Element* base = nullptr;  // elements().data() when `element` was taken
+        std::size_t index = 0;
     };
-    Element& current(Current& c) {
-        if (c.pending) return *c.pending;
-        if (!c.element || doc_->elements().data() != c.base) {
-            c.element = doc_->element(*c.path);
-            c.base = doc_->elements().data();
-        }
-        return *c.element;
-    }
-    void insertPending(Current& c) {
-        if (!c.pending) return;
-        doc_->insert(std::move(*c.pending));
-        c.pending = nullptr;
-    }
+    Element& current(Current& c) { return elements_[c.index]; }
+    bool reportDuplicate(const std::vector<Element>& elements);
 
-    bool parseDef(const Path& parent);
-    bool parseBody(const Path& path, Element& element);
+    bool parseDef(const Path& parent, std::size_t& siblings);
+    bool parseBody(const Path& path, std::size_t index);
     bool parseConnect(const Path& element);
     bool parseDelete();
     bool parseDisconnect();
@@ -507,6 +500,11 @@ private:
     std::vector<std::pair<Path, Path>> pendingConnections_;  // source, target
     int depth_ = 0;
 
+    // Elements in the order of their blocks, indexed by the document in one pass at the end. A
+    // path read twice is found then; its block's offset tells where to report it.
+    std::vector<Element> elements_;
+    std::vector<std::size_t> blockOffsets_;
+
     // Records are gathered and handed over sorted at the end, so that each lands at the end of
     // its sorted vector instead of being inserted in the middle.
     std::vector<Path> deletions_;
@@ -529,6 +527,7 @@ bool Parser::takeUnbacked(std::size_t count) {
 
 bool Parser::parseTop() {
     const Path root;
+    std::size_t topLevel = 0;
     for (;;) {
         const Token t = lex_.peek();
         if (t.kind == Tok::End) {
@@ -541,7 +540,7 @@ bool Parser::parseTop() {
         bool ok = false;
         if (t.kind == Tok::Ident) {
             if (t.text == "def" || t.text == "over")
-                ok = parseDef(root);
+                ok = parseDef(root, topLevel);
             else if (t.text == "delete")
                 ok = parseDelete();
             else if (t.text == "disconnect")
@@ -558,7 +557,38 @@ bool Parser::parseTop() {
             fail("expected 'def', 'over', or 'delete' at the top level");
             return false;
         }
-        if (!ok) return false;
+        if (!ok) {
+            // A path read twice earlier is the first failure, though found only now.
+            reportDuplicate(elements_);
+            return false;
+        }
+    }
+    return finish();
+}
+
+// The first element whose path an earlier one already has, reported at its block; false if none.
+bool Parser::reportDuplicate(const std::vector<Element>& elements) {
+    struct Hash {
+        std::size_t operator()(const Path* p) const { return std::hash<Path>()(*p); }
+    };
+    struct Equal {
+        bool operator()(const Path* a, const Path* b) const { return *a == *b; }
+    };
+    std::unordered_set<const Path*, Hash, Equal> seen;
+    seen.reserve(elements.size());
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+        if (seen.insert(&elements[i].path).second) continue;
+        message_ = "duplicate element path";
+        failOffset_ = blockOffsets_[i];
+        return true;
+    }
+    return false;
+}
+
+bool Parser::finish() {
+    if (!doc_->insertAll(std::move(elements_))) {
+        reportDuplicate(doc_->elements());
+        return false;
     }
 
     // Only the last wire into a target survives, at the place of its statement; giving just
@@ -709,7 +739,7 @@ bool Parser::parseConnect(const Path& element) {
     return true;
 }
 
-bool Parser::parseDef(const Path& parent) {
+bool Parser::parseDef(const Path& parent, std::size_t& siblings) {
     if (depth_ > 255) {
         fail("element nesting too deep");
         return false;
@@ -776,37 +806,33 @@ bool Parser::parseDef(const Path& parent) {
         }
         path = parent.child(*name);
     } else {
-        const auto* siblings = doc_->childPositions(parent);
-        path = parent.child(static_cast<std::uint64_t>(siblings ? siblings->size() : 0));
+        // An unnamed block is named by its place among the blocks before it in its parent.
+        path = parent.child(static_cast<std::uint64_t>(siblings));
     }
-    if (doc_->has(path)) {
-        fail("duplicate element path");
-        return false;
-    }
-    Element e;
+    ++siblings;
+    Element& e = elements_.emplace_back();
+    blockOffsets_.push_back(lex_.pos());
     e.path = path;
     e.type = std::move(type);
     if (keyword.text == "over") e.specifier = Specifier::Over;
-    return parseBody(path, e);
+    return parseBody(path, elements_.size() - 1);
 }
 
-bool Parser::parseBody(const Path& path, Element& element) {
+bool Parser::parseBody(const Path& path, std::size_t index) {
     Current c;
-    c.path = &path;
-    c.pending = &element;
+    c.index = index;
+    std::size_t children = 0;
     for (;;) {
         const Token t = lex_.peek();
         if (t.kind == Tok::RBrace) {
             lex_.next();
-            insertPending(c);
             return true;
         }
         if (t.kind != Tok::Ident) return false;
         const std::string_view w = t.text;
         bool ok;
         if (w == "def" || w == "over") {
-            insertPending(c);
-            ok = parseDef(path);
+            ok = parseDef(path, children);
         } else if (w == "delete") {
             ok = parseDelete();
         } else if (w == "disconnect") {

@@ -84,6 +84,9 @@ TEST(TextParse, MessagesAndPositions) {
         {"def t \"a b\" {}", 2, 14, "invalid element name"},
         {"def \"x\" {}\ndef \"x\" {}", 3, 10, "duplicate element path"},
         {"def {\n def \"a\" {}\n def \"a\" {}\n}", 4, 11, "duplicate element path"},
+        // The repeated path comes before a later fault, and an unnamed block takes its place.
+        {"def \"x\" {}\ndef \"x\" {\n def {\n}\nfoo", 3, 10, "duplicate element path"},
+        {"def x \"[1]\" {}\ndef {}", 3, 6, "duplicate element path"},
         {"delete /a", 2, 8, "expected a quoted path after 'delete'"},
         {"delete \"a\"", 2, 11, "invalid path in 'delete'"},
         {"disconnect x", 2, 13, "expected a quoted target slot after 'disconnect'"},
