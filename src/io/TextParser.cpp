@@ -160,18 +160,20 @@ public:
 
 private:
     void skipSpace() {
-        const std::size_t n = text_.size();
-        while (pos_ < n) {
-            const char c = text_[pos_];
+        const char* p = text_.data() + pos_;
+        const char* const end = text_.data() + text_.size();
+        while (p < end) {
+            const char c = *p;
             if (classOf(c) == Space) {
-                ++pos_;
+                ++p;
             } else if (c == '#') {
-                const void* lf = std::memchr(text_.data() + pos_, '\n', n - pos_);
-                pos_ = lf ? static_cast<std::size_t>(static_cast<const char*>(lf) - text_.data()) + 1 : n;
+                const void* lf = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
+                p = lf ? static_cast<const char*>(lf) + 1 : end;
             } else {
                 break;
             }
         }
+        pos_ = static_cast<std::size_t>(p - text_.data());
     }
 
     Token fail(std::size_t start, std::size_t at) {
@@ -196,11 +198,13 @@ private:
                 ++pos_;
                 return t;
             case NameStart: {
-                std::size_t i = pos_ + 1;
-                while (i < n && isNameByte(text_[i])) ++i;
+                const char* const begin = text_.data() + start;
+                const char* const end = text_.data() + n;
+                const char* p = begin + 1;
+                while (p < end && isNameByte(*p)) ++p;
                 t.kind = Tok::Ident;
-                t.text = text_.substr(start, i - start);
-                pos_ = i;
+                t.text = std::string_view(begin, static_cast<std::size_t>(p - begin));
+                pos_ = start + t.text.size();
                 return t;
             }
             case Digit:
@@ -210,7 +214,10 @@ private:
         if (c == '"') {
             std::size_t i = pos_ + 1;
             for (;;) {
-                while (i < n && text_[i] != '"' && text_[i] != '\\') ++i;
+                const char* p = text_.data() + i;
+                const char* const end = text_.data() + n;
+                while (p < end && *p != '"' && *p != '\\') ++p;
+                i = static_cast<std::size_t>(p - text_.data());
                 if (i >= n) return fail(start, n);
                 if (text_[i] == '"') break;
                 if (i + 1 >= n) return fail(start, n);
@@ -256,17 +263,13 @@ private:
         const std::size_t n = text_.size();
         std::size_t i = start;
         if (classOf(text_[i]) == Sign && ++i >= n) return fail(start, i);
-        bool mantissa = false;
-        while (i < n && classOf(text_[i]) == Digit) {
-            ++i;
-            mantissa = true;
-        }
+        const std::size_t digitsFrom = i;
+        while (i < n && classOf(text_[i]) == Digit) ++i;
+        bool mantissa = i != digitsFrom;
         if (i < n && text_[i] == '.') {
-            ++i;
-            while (i < n && classOf(text_[i]) == Digit) {
-                ++i;
-                mantissa = true;
-            }
+            const std::size_t fractionFrom = ++i;
+            while (i < n && classOf(text_[i]) == Digit) ++i;
+            mantissa = mantissa || i != fractionFrom;
         }
         if (i < n && (text_[i] == 'e' || text_[i] == 'E')) {
             ++i;
@@ -278,7 +281,7 @@ private:
         Token t;
         t.kind = Tok::Number;
         t.start = start;
-        t.text = text_.substr(start, i - start);
+        t.text = std::string_view(text_.data() + start, i - start);
         pos_ = i;
         return t;
     }
@@ -296,9 +299,48 @@ private:
 // ---------------------------------------------------------------------------------------------
 // Number conversion, with the semantics of strtod, strtoll and strtoull on a Number token.
 
+// Powers of ten that a double holds exactly.
+constexpr double kExactPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                   1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// The common short forms: when the digits make an integer below 2^53 and the decimal exponent is
+// within 22, one correctly rounded multiplication or division of two exact doubles gives the
+// nearest double, as the general conversion would. False leaves the rest to it.
+bool shortDecimal(std::string_view s, double& out) {
+    std::size_t i = 0;
+    const bool negative = s[0] == '-';
+    if (s[0] == '-' || s[0] == '+') ++i;
+    std::uint64_t mantissa = 0;
+    int digits = 0;
+    int exponent = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i, ++digits) mantissa = mantissa * 10 + static_cast<unsigned>(s[i] - '0');
+    if (i < s.size() && s[i] == '.') {
+        for (++i; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i, ++digits, --exponent)
+            mantissa = mantissa * 10 + static_cast<unsigned>(s[i] - '0');
+    }
+    if (digits > 19) return false;  // the mantissa may have wrapped
+    if (i < s.size()) {  // an exponent: the scanner has checked its form
+        ++i;
+        const bool down = s[i] == '-';
+        if (s[i] == '-' || s[i] == '+') ++i;
+        int e = 0;
+        for (; i < s.size(); ++i) {
+            e = e * 10 + (s[i] - '0');
+            if (e > 1000) return false;
+        }
+        exponent += down ? -e : e;
+    }
+    if (mantissa > (std::uint64_t{1} << 53) || exponent < -22 || exponent > 22) return false;
+    double v = static_cast<double>(mantissa);
+    v = exponent < 0 ? v / kExactPowers[-exponent] : v * kExactPowers[exponent];
+    out = negative ? -v : v;
+    return true;
+}
+
 double toDouble(std::string_view s) {
-    if (!s.empty() && s[0] == '+') s.remove_prefix(1);
     double v = 0;
+    if (shortDecimal(s, v)) return v;
+    if (!s.empty() && s[0] == '+') s.remove_prefix(1);
     const auto r = std::from_chars(s.data(), s.data() + s.size(), v);
     if (r.ec != std::errc() || r.ptr != s.data() + s.size()) {
         // Out of range or a form the fast path refuses: the C library decides.
@@ -429,7 +471,11 @@ public:
     Parser(std::string_view body, Document& doc) : lex_(body), doc_(&doc), unbackedLeft_(body.size()) {
         // Every block opens with a brace: counting them sizes the element list in one step
         // rather than by repeated doubling. A block takes at least five bytes ("def{}").
-        const std::size_t blocks = static_cast<std::size_t>(std::count(body.begin(), body.end(), '{'));
+        std::size_t blocks = 0;
+        const char* const end = body.data() + body.size();
+        for (const char* p = body.data(); (p = static_cast<const char*>(std::memchr(p, '{', static_cast<std::size_t>(end - p))));
+             ++p)
+            ++blocks;
         elements_.reserve(std::min(blocks, body.size() / 5));
         blockOffsets_.reserve(elements_.capacity());
     }
@@ -517,6 +563,7 @@ private:
     std::size_t unbackedLeft_;
 
     std::vector<double> numbers_;  // scratch for number lists
+    Value spare_;                  // scratch for property values; moved out after each use
 };
 
 bool Parser::takeUnbacked(std::size_t count) {
@@ -812,10 +859,14 @@ bool Parser::parseDef(const Path& parent, std::size_t& siblings) {
     ++siblings;
     Element& e = elements_.emplace_back();
     blockOffsets_.push_back(lex_.pos());
-    e.path = path;
     e.type = std::move(type);
     if (keyword.text == "over") e.specifier = Specifier::Over;
-    return parseBody(path, elements_.size() - 1);
+    // The body reads the path here (elements_ may move); it joins the element when the body
+    // ends, failed or not, before anything compares paths.
+    const std::size_t index = elements_.size() - 1;
+    const bool ok = parseBody(path, index);
+    elements_[index].path = std::move(path);
+    return ok;
 }
 
 bool Parser::parseBody(const Path& path, std::size_t index) {
@@ -1070,7 +1121,8 @@ bool Parser::parseProperty(Current& c) {
     }
     if (samples) return parseSamples(c, decl, name);
 
-    Value value;
+    // Read into the spare value: a fresh Value() would allocate the float it starts as.
+    Value& value = spare_;
     if (!parseValue(decl, value, false)) {
         fail("invalid value for its declared type");
         return false;

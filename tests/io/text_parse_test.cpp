@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -223,6 +225,51 @@ TEST(TextParse, ValueForms) {
     EXPECT_EQ(property(*doc, "/e", "c")->typeName, "color3f");
     EXPECT_EQ(property(*doc, "/e", "c")->value, property(*doc, "/e", "p")->value);
     EXPECT_EQ(property(*doc, "/e", "p")->typeName, "");
+}
+
+// Doubles read as the C library reads them, at the edges of the short forms and beyond them.
+TEST(TextParse, DoublesMatchTheCLibrary) {
+    const char* forms[] = {
+        "0", "-0", "0.1", "-0.3", "1e22", "1e23", "1e-22", "1e-23", "9007199254740992",
+        "9007199254740993", "123456789012345678", "1234567890123456789", "12345678901234567890",
+        "0.000000000000000000001", "4.9406564584124654e-324", "1.7976931348623157e308",
+        "2.2250738585072011e-308", "130.73442731584822", "-813.281006", "+5.", "-.5", "1E+5",
+        "0.1e1", "100e-2", "3.14159265358979323846264338327950288", "1e0000000000000000000001",
+    };
+    for (const char* form : forms) {
+        auto v = valueOf(std::string("float64 v = ") + form);
+        ASSERT_TRUE(v) << form;
+        double expected = std::strtod(form, nullptr);
+        if (!std::isfinite(expected)) expected = 0;
+        double got = 0;
+        std::memcpy(&got, v->data.data(), sizeof got);
+        EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << form << " read as " << got;
+    }
+
+    // Random digit strings with a point and an exponent, all in one array.
+    std::uint64_t state = 7;
+    auto next = [&state] {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        return state >> 33;
+    };
+    std::string list;
+    std::vector<std::string> texts;
+    for (int i = 0; i < 2000; ++i) {
+        std::string t = next() % 2 ? "-" : "";
+        const int digits = 1 + static_cast<int>(next() % 20);
+        for (int d = 0; d < digits; ++d) t += static_cast<char>('0' + next() % 10);
+        if (next() % 2) t.insert(t.size() - next() % digits, ".");
+        if (next() % 3 == 0) t += "e" + std::to_string(static_cast<int>(next() % 60) - 30);
+        list += (i ? ", " : "") + t;
+        texts.push_back(t);
+    }
+    auto v = valueOf("float64[] v = [" + list + "]");
+    ASSERT_TRUE(v);
+    ASSERT_EQ(v->data.size(), texts.size() * sizeof(double));
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        const double expected = std::strtod(texts[i].c_str(), nullptr);
+        EXPECT_EQ(std::memcmp(v->data.data() + i * sizeof(double), &expected, sizeof expected), 0) << texts[i];
+    }
 }
 
 TEST(TextParse, StatementsOfABody) {
