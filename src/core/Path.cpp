@@ -8,8 +8,19 @@ namespace ostrevik {
 
 namespace {
 
+struct NameTable {
+    bool name[256] = {};
+    constexpr NameTable() {
+        for (int c = 'A'; c <= 'Z'; ++c) name[c] = true;
+        for (int c = 'a'; c <= 'z'; ++c) name[c] = true;
+        for (int c = '0'; c <= '9'; ++c) name[c] = true;
+        name[static_cast<unsigned char>('_')] = true;
+    }
+};
+constexpr NameTable kNames;
+
 bool isNameChar(unsigned char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+    return kNames.name[c];
 }
 
 bool isPlainName(std::string_view s) {
@@ -64,6 +75,7 @@ std::optional<Path> Path::parse(std::string_view text) {
     Path out;
     if (text.size() == 1) return out;
     if (text.back() == '/') return std::nullopt;
+    out.segments.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '/')));
 
     std::size_t pos = 1;
     while (pos <= text.size()) {

@@ -115,7 +115,7 @@ public:
         return true;
     }
 
-    bool getU8(std::uint8_t& v) { return getBytes(&v, 1); }
+    bool getU8(std::uint8_t& v) { return getLe(v); }
     bool getU16(std::uint16_t& v) { return getLe(v); }
     bool getU32(std::uint32_t& v) { return getLe(v); }
     bool getF64(double& v) {
@@ -143,9 +143,12 @@ public:
     bool getValue(Value& out);
 
 private:
+    // Fixed-size reads copy without a call: they are most of what a crate holds.
     template <class T>
     bool getLe(T& v) {
-        if (!getBytes(&v, sizeof v)) return false;
+        if (!ok || sizeof v > left()) return ok = false;
+        std::memcpy(&v, data_ + pos_, sizeof v);
+        pos_ += sizeof v;
         if constexpr (std::endian::native == std::endian::big) v = byteswap(v);
         return true;
     }

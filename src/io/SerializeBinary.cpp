@@ -474,14 +474,15 @@ private:
         if (!in_.getCount(n, 7)) return false;
         for (std::uint32_t i = 0; i < n; ++i) {
             std::string_view name, typeName;
-            Property p;
+            std::optional<TimeSamples> samples;
             std::uint8_t hasSamples;
-            if (!getRef(name) || !in_.getValue(p.value) || !in_.getU8(hasSamples)) return false;
-            if (hasSamples && !readSamples(p.samples)) return false;
+            // The value is read into the spare one: a default Property would allocate a float.
+            if (!getRef(name) || !in_.getValue(spare_) || !in_.getU8(hasSamples)) return false;
+            if (hasSamples && !readSamples(samples)) return false;
             std::uint32_t length;
             if (!in_.getU32(length) || !in_.getView(typeName, length)) return false;
-            p.typeName.assign(typeName);
-            e.properties.insert_or_assign(e.properties.end(), std::string(name), std::move(p));
+            e.properties.insert_or_assign(e.properties.end(), std::string(name),
+                                          Property{std::move(spare_), std::move(samples), std::string(typeName)});
         }
         return true;
     }
@@ -601,6 +602,7 @@ private:
 
     serial::Reader in_;
     std::vector<std::string_view> strings_;
+    Value spare_;  // scratch for property values; moved out after each use
     Document doc_;
     std::vector<Path> deletions_;
     std::vector<Path> connectionDeletions_;
