@@ -29,6 +29,8 @@ public:
 
     std::uint32_t intern(std::string_view s) { return intern(s, false); }
     std::uint32_t intern(std::string&& s) { return intern(std::string_view(s), true); }
+    // For bytes that won't outlive the call, such as a reused buffer: kept in the table if new.
+    std::uint32_t internCopy(std::string_view s) { return intern(s, true); }
 
     std::vector<std::string_view> strings;  // in number order
 

@@ -234,16 +234,33 @@ struct Gathered {
     std::size_t payloadSize = 0;
 };
 
+// The text of `p` (as str() gives it) in a buffer reused from path to path.
+std::string_view pathText(const Path& p, std::string& buffer) {
+    buffer.clear();
+    if (p.segments.empty() && !p.property) buffer.push_back('/');
+    for (const auto& segment : p.segments) {
+        buffer.push_back('/');
+        buffer += segment;
+    }
+    if (p.property) {
+        buffer.push_back('.');
+        buffer += *p.property;
+    }
+    return buffer;
+}
+
 void gather(const Document& doc, Gathered& g) {
     auto& table = g.table;
     auto& refs = g.refs;
+    std::string buffer;
+    auto internPath = [&](const Path& p) { return table.internCopy(pathText(p, buffer)); };
     const std::size_t elementCount = doc.elements().size();
     refs.reserve(elementCount * 8 + doc.connections().size() * 2 + doc.deletions().size() +
                  doc.connectionDeletions().size() + doc.globLinks().size() * 2);
     g.properties.reserve(elementCount * 4);
     std::size_t size = 5 * 4;  // the five counts
     for (const Element& e : doc.elements()) {
-        refs.push_back(table.intern(e.path.str()));
+        refs.push_back(internPath(e.path));
         refs.push_back(table.intern(e.type));
         for (const auto& [name, p] : e.properties) {
             refs.push_back(table.intern(name));
@@ -266,19 +283,19 @@ void gather(const Document& doc, Gathered& g) {
         return a->source < b->source;
     });
     for (const Connection* c : g.connections) {
-        refs.push_back(table.intern(c->source.str()));
-        refs.push_back(table.intern(c->target.str()));
+        refs.push_back(internPath(c->source));
+        refs.push_back(internPath(c->target));
     }
     size += 8 * g.connections.size();
 
-    for (const Path& p : doc.deletions()) refs.push_back(table.intern(p.str()));
-    for (const Path& p : doc.connectionDeletions()) refs.push_back(table.intern(p.str()));
+    for (const Path& p : doc.deletions()) refs.push_back(internPath(p));
+    for (const Path& p : doc.connectionDeletions()) refs.push_back(internPath(p));
     size += 4 * (doc.deletions().size() + doc.connectionDeletions().size());
 
     if (!doc.reorders().empty()) size += 1 + 4;
     for (const Reorder& r : doc.reorders()) {
-        refs.push_back(table.intern(r.parent.str()));
-        for (const Path& child : r.order) refs.push_back(table.intern(child.str()));
+        refs.push_back(internPath(r.parent));
+        for (const Path& child : r.order) refs.push_back(internPath(child));
         size += 8 + 4 * r.order.size();
     }
 
@@ -289,7 +306,7 @@ void gather(const Document& doc, Gathered& g) {
         return a->targetSpec < b->targetSpec;
     });
     for (const GlobLink* l : g.globLinks) {
-        refs.push_back(table.intern(l->source.str()));
+        refs.push_back(internPath(l->source));
         refs.push_back(table.intern(l->targetSpec));
     }
     if (!g.globLinks.empty()) size += 1 + 4 + 8 * g.globLinks.size();
