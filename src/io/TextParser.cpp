@@ -615,16 +615,10 @@ bool Parser::parseTop() {
 
 // The first element whose path an earlier one already has, reported at its block; false if none.
 bool Parser::reportDuplicate(const std::vector<Element>& elements) {
-    struct Hash {
-        std::size_t operator()(const Path* p) const { return std::hash<Path>()(*p); }
-    };
-    struct Equal {
-        bool operator()(const Path* a, const Path* b) const { return *a == *b; }
-    };
-    std::unordered_set<const Path*, Hash, Equal> seen;
+    std::unordered_set<Path> seen;  // only ever on the way to an error: copies are fine
     seen.reserve(elements.size());
     for (std::size_t i = 0; i < elements.size(); ++i) {
-        if (seen.insert(&elements[i].path).second) continue;
+        if (seen.insert(elements[i].path).second) continue;
         message_ = "duplicate element path";
         failOffset_ = blockOffsets_[i];
         return true;
