@@ -3,10 +3,16 @@
 
 #include <ostrevik/io.h>
 
+#include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <optional>
+#include <span>
+#include <utility>
 
 namespace ostrevik {
 
@@ -14,7 +20,8 @@ namespace {
 
 // ---------------------------------------------------------------------------------------------
 // Number forms. printf is correct but slow, so the digits are computed exactly in 128-bit
-// integers and only values outside that range go through the library's general formatting.
+// integers (in 64 bits where they fit) and only values outside that range go through the
+// library's general formatting.
 
 using U128 = unsigned __int128;
 
@@ -41,13 +48,18 @@ constexpr std::uint64_t kPow10[20] = {
     10000000000000000000ull,
 };
 
+// The powers of ten that a double holds exactly.
+constexpr double kExactPow10[23] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
 constexpr int kMaxPow5 = 27;  // 5^27 is the largest power of five below 2^63
 
-constexpr std::uint64_t pow5(int n) {
-    std::uint64_t v = 1;
-    for (int i = 0; i < n; ++i) v *= 5;
-    return v;
-}
+constexpr auto kPow5 = [] {
+    std::array<std::uint64_t, kMaxPow5 + 1> powers{};
+    powers[0] = 1;
+    for (int i = 1; i <= kMaxPow5; ++i) powers[i] = powers[i - 1] * 5;
+    return powers;
+}();
 
 int bitLength(std::uint64_t v) {
     return 64 - __builtin_clzll(v);
@@ -57,121 +69,181 @@ int bitLength(std::uint64_t v) {
 // printf rounds, and the decimal exponent of the first digit. False when the exact arithmetic
 // would not fit in 128 bits.
 bool exactDigits(double x, int precision, std::uint64_t& digits, int& exponent) {
-    int e2 = 0;
-    const double fraction = std::frexp(x, &e2);
-    std::uint64_t m = static_cast<std::uint64_t>(std::ldexp(fraction, 53));
-    int e = e2 - 53;
+    // x = m * 2^e exactly, taken from the bits rather than through the library.
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &x, sizeof bits);
+    const int biased = static_cast<int>(bits >> 52);
+    std::uint64_t m = bits & ((std::uint64_t{1} << 52) - 1);
+    int e = -1074;
+    if (biased != 0) {
+        m |= std::uint64_t{1} << 52;
+        e = biased - 1075;
+    }
+    const int e2 = e + bitLength(m);  // 2^(e2 - 1) <= x < 2^e2
     const int zeros = __builtin_ctzll(m);
     m >>= zeros;
     e += zeros;
     const int mBits = bitLength(m);
-    // floor(log10(x)) or one less; the digit count below settles which.
-    int k = static_cast<int>(std::floor((e2 - 1) * 0.30102999566398120));
+    // floor((e2 - 1) * log10(2)), exact in this range: floor(log10(x)) or one less. A power of
+    // ten that a double holds settles which at once; elsewhere the digit count below does.
+    int k = ((e2 - 1) * 78913) >> 18;
+    if (k >= -1 && k < 22 && x >= kExactPow10[k + 1]) ++k;
     for (int attempt = 0; attempt < 2; ++attempt, ++k) {
         const int p = precision - 1 - k;  // scale x by 10^p = 2^p * 5^p
         if (p > kMaxPow5 || p < -kMaxPow5) return false;
         const int t = e + p;
-        const std::uint64_t five = pow5(p < 0 ? -p : p);
-        U128 num = m;
-        U128 den = 1;
-        int numBits = mBits;
-        int denBits = 1;
-        if (p >= 0) {
-            num *= five;
-            numBits += bitLength(five);
-        } else {
-            den = five;
-            denBits = bitLength(five);
-        }
-        if (t >= 0) {
-            numBits += t;
-            if (numBits > 127) return false;
-            num <<= t;
-        } else {
-            denBits += -t;
-            if (denBits > 127) return false;
-            den <<= -t;
-        }
-        if (numBits > 127) return false;
-        U128 q;
-        U128 r;
-        if (p >= 0) {
-            const int shift = t < 0 ? -t : 0;
+        const std::uint64_t five = kPow5[static_cast<std::size_t>(p < 0 ? -p : p)];
+        std::uint64_t q = 0;
+        bool up = false;  // whether the dropped part rounds q up
+        if (p >= 0 && t < 0 && t > -64 && mBits + bitLength(five) <= 64) {
+            // Most numbers: m * 5^p / 2^-t all in 64 bits, rounded without a branch, since
+            // which way the rounding goes is anyone's guess.
+            const std::uint64_t num = m * five;
+            const int shift = -t;
             q = num >> shift;
-            r = num - (q << shift);
+            const std::uint64_t twice = (num & ((std::uint64_t{1} << shift) - 1)) << 1;
+            const std::uint64_t den = std::uint64_t{1} << shift;
+            up = (twice > den) | ((twice == den) & ((q & 1) != 0));
         } else {
-            q = num / den;
-            r = num % den;
+            U128 num = m;
+            U128 den = 1;
+            int numBits = mBits;
+            int denBits = 1;
+            if (p >= 0) {
+                num *= five;
+                numBits += bitLength(five);
+            } else {
+                den = five;
+                denBits = bitLength(five);
+            }
+            if (t >= 0) {
+                numBits += t;
+                if (numBits > 127) return false;
+                num <<= t;
+            } else {
+                denBits += -t;
+                if (denBits > 127) return false;
+                den <<= -t;
+            }
+            if (numBits > 127) return false;
+            U128 wide;
+            U128 r;
+            if (p >= 0) {
+                const int shift = t < 0 ? -t : 0;
+                wide = num >> shift;
+                r = num - (wide << shift);
+            } else {
+                wide = num / den;
+                r = num % den;
+            }
+            if (wide >= kPow10[precision]) continue;
+            q = static_cast<std::uint64_t>(wide);
+            const U128 twice = r << 1;
+            up = twice > den || (twice == den && (q & 1) != 0);
         }
         if (q >= kPow10[precision]) continue;
-        const U128 twice = r << 1;
-        if (twice > den || (twice == den && (q & 1) != 0)) ++q;
+        q += up;
         if (q == kPow10[precision]) {
             q = kPow10[precision - 1];
             ++k;
         }
-        digits = static_cast<std::uint64_t>(q);
+        digits = q;
         exponent = k;
         return true;
     }
     return false;
 }
 
-// printf("%.*g", precision, x) for a finite, non-zero x.
-char* writeGeneral(char* out, double x, int precision) {
+// The eight decimal digits of v < 10^8, leading zeros included, as values 0 to 9 in the bytes
+// of a word, the first digit in the lowest byte. Each step divides all lanes of the word at once:
+// two groups of four digits, four of two, eight of one.
+std::uint64_t eightDigits(std::uint32_t v) {
+    std::uint64_t x = v / 10000 | std::uint64_t{v % 10000} << 32;
+    std::uint64_t q = (x * 10486 >> 20) & 0x0000007f0000007full;  // x / 100 in 32-bit lanes
+    x = q | (x - q * 100) << 16;
+    q = (x * 103 >> 10) & 0x000f000f000f000full;  // x / 10 in 16-bit lanes
+    return q | (x - q * 10) << 8;
+}
+
+// Writes the digits of eightDigits() as ASCII to d[0, 8).
+void storeDigits(char* d, std::uint64_t digits) {
+    if constexpr (std::endian::native == std::endian::little) {
+        const std::uint64_t ascii = digits + 0x3030303030303030ull;
+        std::memcpy(d, &ascii, sizeof ascii);
+    } else {
+        for (int i = 0; i < 8; ++i) d[i] = static_cast<char>('0' + (digits >> (8 * i) & 0xff));
+    }
+}
+
+// How many of the digits of eightDigits() are zeros at the end.
+int trailingZeros(std::uint64_t digits) {
+    return digits == 0 ? 8 : __builtin_clzll(digits) / 8;
+}
+
+// printf("%.Pg", x) for a finite, non-zero x, with P either 9 or 17. The digits are made where
+// most of them stay, rather than in a scratch buffer to be copied from.
+template <int P>
+char* writeGeneral(char* out, double x) {
+    static_assert(P == 9 || P == 17);
     if (x < 0) {
         *out++ = '-';
         x = -x;
     }
     std::uint64_t q = 0;
     int k = 0;
-    if (!exactDigits(x, precision, q, k))
-        return std::to_chars(out, out + kNumberTextMax - 1, x, std::chars_format::general, precision).ptr;
-    char d[20];
-    for (int i = precision - 1; i >= 0; --i) {
-        d[i] = static_cast<char>('0' + q % 10);
-        q /= 10;
+    if (!exactDigits(x, P, q, k))
+        return std::to_chars(out, out + kNumberTextMax - 1, x, std::chars_format::general, P).ptr;
+    const bool small = k < 0 && k >= -4;  // "0." and up to three zeros before the digits
+    if (small) std::memcpy(out, "0.0000", 6);
+    char* digits = out + (small ? 1 - k : 1);
+    int len = P;  // the digits without trailing zeros
+    if constexpr (P == 17) {
+        digits[0] = static_cast<char>('0' + q / kPow10[16]);
+        q %= kPow10[16];
+        const std::uint64_t high = eightDigits(static_cast<std::uint32_t>(q / kPow10[8]));
+        const std::uint64_t low = eightDigits(static_cast<std::uint32_t>(q % kPow10[8]));
+        storeDigits(digits + 1, high);
+        storeDigits(digits + 9, low);
+        len = low != 0 ? 17 - trailingZeros(low) : 9 - trailingZeros(high);
+    } else {
+        digits[0] = static_cast<char>('0' + q / kPow10[8]);
+        const std::uint64_t rest = eightDigits(static_cast<std::uint32_t>(q % kPow10[8]));
+        storeDigits(digits + 1, rest);
+        len = 9 - trailingZeros(rest);
     }
-    int len = precision;
-    while (len > 1 && d[len - 1] == '0') --len;
-    if (k < -4 || k >= precision) {
-        *out++ = d[0];
-        if (len > 1) {
-            *out++ = '.';
-            std::memcpy(out, d + 1, static_cast<std::size_t>(len - 1));
-            out += len - 1;
-        }
-        *out++ = 'e';
-        *out++ = k < 0 ? '-' : '+';
-        const int a = k < 0 ? -k : k;
-        if (a < 10) *out++ = '0';
-        return std::to_chars(out, out + 4, a).ptr;
-    }
-    if (k >= 0) {
+    if (small) return digits + len;
+    if (k >= 0 && k < P) {
+        // The whole part moves one byte to the left, making room for the point.
         const int whole = k + 1;
-        for (int i = 0; i < whole; ++i) *out++ = i < len ? d[i] : '0';
-        if (len > whole) {
-            *out++ = '.';
-            std::memcpy(out, d + whole, static_cast<std::size_t>(len - whole));
-            out += len - whole;
-        }
-        return out;
+        for (int i = 0; i < whole; ++i) out[i] = digits[i];
+        if (len <= whole) return out + whole;
+        out[whole] = '.';
+        return digits + len;
     }
-    *out++ = '0';
-    *out++ = '.';
-    for (int i = 0; i < -k - 1; ++i) *out++ = '0';
-    std::memcpy(out, d, static_cast<std::size_t>(len));
-    return out + len;
+    out[0] = digits[0];
+    char* end = out + 1;
+    if (len > 1) {
+        out[1] = '.';
+        end = digits + len;
+    }
+    *end++ = 'e';
+    *end++ = k < 0 ? '-' : '+';
+    const int a = k < 0 ? -k : k;
+    if (a < 10) *end++ = '0';
+    return std::to_chars(end, end + 4, a).ptr;
 }
 
-char* writeNumber(char* out, double x, double bound, int precision) {
-    if (!std::isfinite(x) || x == 0) {
+template <int P>
+char* writeNumber(char* out, double x, double bound) {
+    if (std::fabs(x) < bound) {  // also false for NaN
+        // Below the bound a whole number fits in 64 bits, and converting there and back tells one.
+        const auto whole = static_cast<long long>(x);
+        if (static_cast<double>(whole) == x) return std::to_chars(out, out + kNumberTextMax, whole).ptr;
+    } else if (!std::isfinite(x)) {
         *out = '0';
         return out + 1;
     }
-    if (x == std::trunc(x) && std::fabs(x) < bound)
-        return std::to_chars(out, out + kNumberTextMax, static_cast<long long>(x)).ptr;
-    return writeGeneral(out, x, precision);
+    return writeGeneral<P>(out, x);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -219,61 +291,247 @@ std::string_view dtypeToken(DType d) {
 // ---------------------------------------------------------------------------------------------
 // The writer
 
-// The output: a string written through a cursor, grown by doubling, cut to size at the end.
-// Most pieces are a few bytes long, and this keeps each one a bounds check and a copy.
+// The output: a string written through a cursor. Its memory is reserved from a generous guess
+// but made valid a chunk at a time, so that only the pages the text reaches are touched; past
+// the guess the string grows by doubling. Most pieces are a few bytes long, so the common path
+// of each write is a bounds check and a copy, small enough to be inlined everywhere.
 class Out {
 public:
-    explicit Out(std::size_t expected) { buf_.resize(std::max<std::size_t>(expected, 64)); }
+    explicit Out(std::size_t expected) {
+        buf_.reserve(expected);
+        cur_ = end_ = buf_.data();
+    }
 
     void put(char c) {
-        *room(1) = c;
-        ++len_;
+        if (cur_ == end_) grow(1);
+        *cur_++ = c;
     }
     void put(std::string_view s) {
-        std::memcpy(room(s.size()), s.data(), s.size());
-        len_ += s.size();
+        if (static_cast<std::size_t>(end_ - cur_) < s.size()) grow(s.size());
+        std::memcpy(cur_, s.data(), s.size());
+        cur_ += s.size();
     }
-    void put(const char* from, const char* to) { put(std::string_view(from, static_cast<std::size_t>(to - from))); }
-    void fill(std::size_t n, char c) {
-        std::memset(room(n), c, n);
-        len_ += n;
+    // n spaces; a short run is copied in one fixed-size piece, without a call.
+    void spaces(std::size_t n) {
+        static constexpr char kRun[] = "                                ";
+        constexpr std::size_t kShort = sizeof kRun - 1;
+        if (static_cast<std::size_t>(end_ - cur_) < std::max(n, kShort)) grow(std::max(n, kShort));
+        if (n <= kShort)
+            std::memcpy(cur_, kRun, kShort);
+        else
+            std::memset(cur_, ' ', n);
+        cur_ += n;
     }
+    // Room for `n` bytes to be written in place; then the end of what was written.
+    char* space(std::size_t n) {
+        if (static_cast<std::size_t>(end_ - cur_) < n) grow(n);
+        return cur_;
+    }
+    void advanceTo(char* end) { cur_ = end; }
+
+    std::size_t size() const { return static_cast<std::size_t>(cur_ - buf_.data()); }
+    void cut(std::size_t length) { cur_ = buf_.data() + length; }
     std::string take() {
-        buf_.resize(len_);
+        buf_.resize(size());
         return std::move(buf_);
     }
 
 private:
-    char* room(std::size_t n) {
-        if (buf_.size() - len_ < n) buf_.resize(std::max(buf_.size() * 2, len_ + n));
-        return buf_.data() + len_;
+    static constexpr std::size_t kChunk = std::size_t{1} << 16;
+
+    // Makes room for n more bytes, a chunk at least.
+    [[gnu::noinline]] void grow(std::size_t n) {
+        const std::size_t used = size();
+        buf_.resize(std::max(buf_.size() + kChunk, used + n));
+        cur_ = buf_.data() + used;
+        end_ = buf_.data() + buf_.size();
     }
 
     std::string buf_;
-    std::size_t len_ = 0;
+    char* cur_;  // the end of the text written
+    char* end_;  // the end of the valid bytes of buf_
+};
+
+// A guess at the size of the text that reads nothing but counts, so that the output is
+// allocated about once. Guessing high costs address space only: the pages beyond the text are
+// never touched.
+std::size_t expectedSize(const Document& doc) {
+    std::size_t total = 64 + doc.elements().size() * 256 + doc.connections().size() * 64;
+    total += (doc.deletions().size() + doc.connectionDeletions().size() + doc.globLinks().size()) * 64;
+    for (const auto& r : doc.reorders()) total += 32 + r.order.size() * 32;
+    return total;
+}
+
+constexpr std::uint32_t kNone = ~std::uint32_t{0};
+
+// A hash of an element path, for the table of connection targets.
+std::uint64_t pathHash(const std::vector<std::string>& segments) {
+    std::uint64_t h = 0;
+    for (const auto& s : segments) h = ((h << 23 | h >> 41) ^ std::hash<std::string_view>()(s)) * 0x9e3779b97f4a7c15ull;
+    return h;
+}
+
+// Counting sort into groups: items[start[g], start[g + 1]) are the indexes i with
+// groupOf[i] == g, ascending. Indexes in the group kNone are left out.
+void groupBy(const std::vector<std::uint32_t>& groupOf, std::size_t groups, std::vector<std::uint32_t>& start,
+             std::vector<std::uint32_t>& items) {
+    start.assign(groups + 1, 0);
+    for (const std::uint32_t g : groupOf)
+        if (g != kNone) ++start[g + 1];
+    for (std::size_t g = 1; g <= groups; ++g) start[g] += start[g - 1];
+    items.resize(start[groups]);
+    std::vector<std::uint32_t> fill(start.begin(), start.end() - 1);
+    for (std::size_t i = 0; i < groupOf.size(); ++i)
+        if (groupOf[i] != kNone) items[fill[groupOf[i]]++] = static_cast<std::uint32_t>(i);
+}
+
+// The element paths that connections target, as keys, each with its connections in their
+// order, for the walk in general: there the elements look their own paths up, so that no
+// connection needs a lookup in the document's by-path table, whose nodes lie all over memory.
+class TargetTable {
+public:
+    explicit TargetTable(const std::vector<Connection>& connections) : connections_(connections) {
+        std::size_t capacity = 16;
+        while (capacity < 2 * connections.size()) capacity *= 2;
+        slots_.assign(capacity, Slot{0, kNone});
+        std::vector<std::uint32_t> keyOf(connections.size());
+        for (std::size_t i = 0; i < connections.size(); ++i) {
+            const auto& segments = connections[i].target.segments;
+            const std::uint64_t h = pathHash(segments);
+            Slot& slot = slots_[slotOf(h, segments)];
+            if (slot.key == kNone) {
+                slot = Slot{h, static_cast<std::uint32_t>(firstOfKey_.size())};
+                firstOfKey_.push_back(static_cast<std::uint32_t>(i));
+            }
+            keyOf[i] = slot.key;
+        }
+        groupBy(keyOf, firstOfKey_.size(), start_, order_);
+    }
+
+    std::size_t keys() const { return firstOfKey_.size(); }
+
+    // The key of the element path with hash `h`, or kNone when no connection targets it.
+    std::uint32_t key(std::uint64_t h, const std::vector<std::string>& segments) const {
+        return slots_[slotOf(h, segments)].key;
+    }
+
+    // The connections of a key, as indexes into `connections`, in their order.
+    std::span<const std::uint32_t> connectionsOf(std::uint32_t key) const {
+        return std::span<const std::uint32_t>(order_).subspan(start_[key], start_[key + 1] - start_[key]);
+    }
+
+private:
+    struct Slot {
+        std::uint64_t hash;
+        std::uint32_t key;  // kNone when empty
+    };
+
+    // The slot of the path, or the empty one where it would go.
+    std::size_t slotOf(std::uint64_t h, const std::vector<std::string>& segments) const {
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t i = h & mask;; i = (i + 1) & mask) {
+            const Slot& slot = slots_[i];
+            if (slot.key == kNone) return i;
+            if (slot.hash == h && connections_[firstOfKey_[slot.key]].target.segments == segments) return i;
+        }
+    }
+
+    const std::vector<Connection>& connections_;
+    std::vector<Slot> slots_;
+    std::vector<std::uint32_t> firstOfKey_;  // key -> its first connection, whose path it is
+    std::vector<std::uint32_t> start_;       // key -> its connections in order_
+    std::vector<std::uint32_t> order_;
+};
+
+// Whether the first `n` segments of two paths agree, compared from the last one, where paths
+// mostly differ.
+bool samePrefix(const std::vector<std::string>& a, const std::vector<std::string>& b, std::size_t n) {
+    for (std::size_t i = n; i-- > 0;)
+        if (a[i] != b[i]) return false;
+    return true;
+}
+
+// The names of one element's children as they come, for a check for repeats when its block
+// closes. A few are compared pair by pair, through a cheap fingerprint (length, first and last
+// byte) that spares most comparisons; more go through a table of their hashes, which are taken
+// as the names come, while their bytes are at hand. Either way the time is linear in the count.
+class ChildNames {
+public:
+    void add(std::string_view name) {
+        const std::uint64_t print =
+            name.empty() ? 0
+                         : name.size() | std::uint64_t{static_cast<unsigned char>(name.front())} << 32 |
+                               std::uint64_t{static_cast<unsigned char>(name.back())} << 40;
+        names_.push_back(Name{name, print, 0});
+        if (names_.size() == kFew + 1)
+            for (Name& n : names_) n.hash = hash(n.text);
+        else if (names_.size() > kFew)
+            names_.back().hash = hash(name);
+    }
+
+    // Whether a name came twice; empties the set. `table` is scratch space that the caller
+    // keeps, so that it is allocated once.
+    bool repeats(std::vector<std::uint64_t>& table) {
+        const bool twice = names_.size() <= kFew ? repeatsAmongFew() : repeatsByHash(table);
+        names_.clear();
+        return twice;
+    }
+
+private:
+    static constexpr std::size_t kFew = 8;
+
+    struct Name {
+        std::string_view text;
+        std::uint64_t print;
+        std::uint64_t hash;  // only past kFew names
+    };
+
+    // 0 marks an empty slot in the table; two names that meet in a hash only cost a false alarm.
+    static std::uint64_t hash(std::string_view name) { return std::hash<std::string_view>()(name) | 1; }
+
+    bool repeatsAmongFew() const {
+        for (std::size_t i = 1; i < names_.size(); ++i)
+            for (std::size_t j = 0; j < i; ++j)
+                if (names_[i].print == names_[j].print && names_[i].text == names_[j].text) return true;
+        return false;
+    }
+
+    bool repeatsByHash(std::vector<std::uint64_t>& table) const {
+        std::size_t capacity = 4;
+        while (capacity < 2 * names_.size()) capacity *= 2;
+        table.assign(capacity, 0);
+        for (const Name& name : names_) {
+            for (std::size_t i = name.hash & (capacity - 1);; i = (i + 1) & (capacity - 1)) {
+                if (table[i] == 0) {
+                    table[i] = name.hash;
+                    break;
+                }
+                if (table[i] == name.hash) return true;
+            }
+        }
+        return false;
+    }
+
+    std::vector<Name> names_;
 };
 
 class Writer {
 public:
-    Writer(Out& out, const Document& doc, int indent) : out_(out), doc_(doc), indent_(indent) {}
+    Writer(const Document& doc, int indent) : doc_(doc), indent_(indent), out_(expectedSize(doc)) {}
 
-    void document();
+    std::string text();
 
 private:
-    void spaces(std::size_t depth) { out_.fill(depth * static_cast<std::size_t>(indent_), ' '); }
+    void spaces(std::size_t depth) { out_.spaces(depth * static_cast<std::size_t>(indent_)); }
 
-    void number(double x) {
-        char buf[kNumberTextMax];
-        out_.put(buf, writeScalarText(buf, x));
-    }
-    void doubleLeaf(double x) {
-        char buf[kNumberTextMax];
-        out_.put(buf, writeDoubleText(buf, x));
-    }
+    // Numbers are written in place: through a scratch buffer, each would cost a copy that
+    // reads back bytes just written.
+    void number(double x) { out_.advanceTo(writeScalarText(out_.space(kNumberTextMax), x)); }
+    void doubleLeaf(double x) { out_.advanceTo(writeDoubleText(out_.space(kNumberTextMax), x)); }
     template <class I>
     void integer(I v) {
-        char buf[24];
-        out_.put(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
+        char* at = out_.space(24);
+        out_.advanceTo(std::to_chars(at, at + 24, v).ptr);
     }
 
     void quoted(std::string_view s);
@@ -285,8 +543,8 @@ private:
     }
     void pathText(const Path& p);
 
-    void typeToken(const Property& p);
-    void valueForm(const Value& v);
+    void typeToken(const Property& p, Type type);
+    void valueForm(const Value& v, Type type);
     void generalForm(const Value& v);
     void leaf(const Value& v, std::size_t i);
     void floatsAt(const Value& v, std::size_t first, std::size_t n, char open, char close);
@@ -295,19 +553,21 @@ private:
     void keyframe(const Keyframe& k, const Property& p, std::size_t depth);
     void handleList(const char* key, const std::vector<std::pair<double, double>>& list);
     void elementHead(const Element& e, std::size_t depth);
+    void connectionLine(const Connection& c, std::size_t depth);
+    void close(std::size_t depth) {
+        spaces(depth);
+        out_.put("}\n");
+    }
 
-    void groupConnections();
-    std::vector<std::uint8_t> markParents() const;
+    bool elementsInStoredOrder();
+    void elementsByTree();
+    bool sharesPaths(const std::vector<std::uint32_t>& childStart, const std::vector<std::uint32_t>& children) const;
+    void childrenByPath(std::vector<std::uint32_t>& childStart, std::vector<std::uint32_t>& children) const;
+    void records();
 
-    Out& out_;
     const Document& doc_;
     int indent_;
-
-    // Connections by the position of their target element: element i owns
-    // order_[groupStart_[i], groupStart_[i + 1]), indexes into `connections` in their order. So
-    // each element finds its own without scanning them all or hashing its path.
-    std::vector<std::uint32_t> groupStart_;
-    std::vector<std::uint32_t> order_;
+    Out out_;
 };
 
 void Writer::quoted(std::string_view s) {
@@ -345,14 +605,14 @@ void Writer::pathText(const Path& p) {
     }
 }
 
-void Writer::typeToken(const Property& p) {
+// `type` is General for a property with a type name, else the type of its value.
+void Writer::typeToken(const Property& p, Type type) {
     if (!p.typeName.empty()) {
         out_.put(p.typeName);
         return;
     }
-    const Type t = p.value.type();
-    if (t != Type::General) {
-        out_.put(kTypeTokens[static_cast<std::size_t>(t)]);
+    if (type != Type::General) {
+        out_.put(kTypeTokens[static_cast<std::size_t>(type)]);
         return;
     }
     out_.put(dtypeToken(p.value.dtype));
@@ -377,9 +637,10 @@ void Writer::floatsAt(const Value& v, std::size_t first, std::size_t n, char ope
     out_.put(close);
 }
 
-void Writer::valueForm(const Value& v) {
+// The form of `v` for its type, which the caller has taken from it or set to General.
+void Writer::valueForm(const Value& v, Type type) {
     const auto* d = v.data.data();
-    switch (v.type()) {
+    switch (type) {
         case Type::Float: number(v.data.size() >= 4 ? load<float>(d) : 0.0f); return;
         case Type::Int: integer(v.data.size() >= 8 ? load<std::int64_t>(d) : 0); return;
         case Type::Bool: out_.put((!v.data.empty() && d[0] != 0) ? "true" : "false"); return;
@@ -515,7 +776,7 @@ void Writer::keyframe(const Keyframe& k, const Property& p, std::size_t depth) {
     number(k.time);
     out_.put(": ");
     if (p.typeName.empty())
-        valueForm(k.value);
+        valueForm(k.value, k.value.type());
     else
         generalForm(k.value);
     const bool autoHandles = k.handle == HandleType::Auto && k.left.empty() && k.right.empty();
@@ -536,27 +797,26 @@ void Writer::keyframe(const Keyframe& k, const Property& p, std::size_t depth) {
 }
 
 void Writer::property(const std::string& name, const Property& p, std::size_t depth) {
+    // A type name makes every value form the general one.
+    const Type type = p.typeName.empty() ? p.value.type() : Type::General;
     spaces(depth);
-    typeToken(p);
+    typeToken(p, type);
     out_.put(' ');
     nameToken(name, true);
     out_.put(" = ");
-    if (p.typeName.empty())
-        valueForm(p.value);
-    else
-        generalForm(p.value);
+    valueForm(p.value, type);
     out_.put('\n');
     if (!p.samples || p.samples->keys.empty()) return;
     spaces(depth);
-    typeToken(p);
+    typeToken(p, type);
     out_.put(' ');
     nameToken(name, true);
     out_.put(".timeSamples = {\n");
     for (const auto& k : p.samples->keys) keyframe(k, p, depth + 1);
-    spaces(depth);
-    out_.put("}\n");
+    close(depth);
 }
 
+// The opening line and the body of an element up to its connections.
 void Writer::elementHead(const Element& e, std::size_t depth) {
     spaces(depth);
     out_.put(e.specifier == Specifier::Over ? "over" : "def");
@@ -574,7 +834,7 @@ void Writer::elementHead(const Element& e, std::size_t depth) {
     const std::size_t inner = depth + 1;
     for (const auto& [name, p] : e.properties) property(name, p, inner);
 
-    const auto reference = e.metadata.find("reference");
+    const auto reference = e.metadata.empty() ? e.metadata.end() : e.metadata.find("reference");
     if (reference != e.metadata.end()) {
         spaces(inner);
         out_.put("reference ");
@@ -607,142 +867,167 @@ void Writer::elementHead(const Element& e, std::size_t depth) {
         nameToken(key, false);
         out_.put('\n');
     }
-
-    if (groupStart_.empty()) return;
-    const auto position = static_cast<std::size_t>(&e - doc_.elements().data());
-    const auto& connections = doc_.connections();
-    for (std::uint32_t i = groupStart_[position]; i < groupStart_[position + 1]; ++i) {
-        const Connection& c = connections[order_[i]];
-        spaces(inner);
-        out_.put("connect ");
-        nameToken(c.target.property ? std::string_view(*c.target.property) : std::string_view(), true);
-        out_.put(" = <");
-        pathText(c.source);
-        out_.put(">\n");
-    }
 }
 
-// A connection belongs to the element that the document's index names for its target. (Only
-// a raw insert can put two elements on one path; the later one then gets the connections.)
-void Writer::groupConnections() {
-    const auto& connections = doc_.connections();
-    if (connections.empty()) return;
-    const Element* first = doc_.elements().data();
-    constexpr std::uint32_t kNone = ~std::uint32_t{0};
-    std::vector<std::uint32_t> owner(connections.size(), kNone);
-    groupStart_.assign(doc_.elements().size() + 1, 0);
-    for (std::size_t i = 0; i < connections.size(); ++i) {
-        if (const Element* e = doc_.element(connections[i].target)) {
-            owner[i] = static_cast<std::uint32_t>(e - first);
-            ++groupStart_[owner[i] + 1];
-        }
-    }
-    for (std::size_t p = 1; p < groupStart_.size(); ++p) groupStart_[p] += groupStart_[p - 1];
-    std::vector<std::uint32_t> fill(groupStart_.begin(), groupStart_.end() - 1);
-    order_.resize(groupStart_.back());
-    for (std::size_t i = 0; i < connections.size(); ++i)
-        if (owner[i] != kNone) order_[fill[owner[i]]++] = static_cast<std::uint32_t>(i);
+void Writer::connectionLine(const Connection& c, std::size_t depth) {
+    spaces(depth);
+    out_.put("connect ");
+    nameToken(c.target.property ? std::string_view(*c.target.property) : std::string_view(), true);
+    out_.put(" = <");
+    pathText(c.source);
+    out_.put(">\n");
 }
 
-// A rough size of the text, so that the output is allocated about once.
-std::size_t estimateSize(const Document& doc, int indent) {
-    std::size_t total = 64;
-    auto valueSize = [](const Value& v) {
-        if (v.dtype != DType::Str) return 16 + v.data.size() * 3;
-        std::size_t n = 16;
-        for (const auto& s : v.strings) n += s.size() + 4;
-        return n;
+// Writes the elements in stored order, closing and opening blocks as the depth changes, and
+// tells whether that was the order of the walk. It is when the elements are stored in preorder,
+// each one's parent being the latest element one level up, as the readers and appending leave
+// them, and no two elements share a path, which a raw insert alone brings about (the names of
+// each element's children are checked for repeats as it closes). Connections are taken in stored
+// order as well, each written in the element it targets, which works when they are stored in the
+// order of their elements, as a reader leaves them too. On the first thing that doesn't fit, the
+// pass stops and the caller starts over.
+bool Writer::elementsInStoredOrder() {
+    const auto& connections = doc_.connections();
+    std::vector<const Element*> open;  // open[k]: the open element with k + 1 segments
+    std::vector<ChildNames> names;     // names[k]: those of open[k - 1]'s children; [0]: the top level
+    std::vector<std::uint64_t> scratch;
+    std::size_t next = 0;  // the first connection not yet written
+    bool first = true;
+    // Closes the deepest open element; false when two of its children had one name.
+    auto closeLast = [&] {
+        open.pop_back();
+        close(open.size());
+        return open.size() + 1 >= names.size() || !names[open.size() + 1].repeats(scratch);
     };
-    for (const auto& e : doc.elements()) {
-        const std::size_t margin = (e.path.segments.size() + 1) * static_cast<std::size_t>(indent);
-        std::size_t lines = 2;
-        total += 16 + e.type.size() + (e.path.segments.empty() ? 0 : e.path.segments.back().size());
-        for (const auto& [name, p] : e.properties) {
-            total += 16 + name.size() + valueSize(p.value);
-            ++lines;
-            if (!p.samples) continue;
-            total += 32 + name.size();
-            lines += 2;
-            for (const auto& k : p.samples->keys) total += 24 + margin + valueSize(k.value);
+    for (const Element& e : doc_.elements()) {
+        const auto& segments = e.path.segments;
+        const std::size_t depth = segments.size();
+        if (depth == 0) continue;  // the root path: no walk reaches it
+        if (depth > 1) {
+            if (open.size() < depth - 1) return false;
+            const Path& parent = open[depth - 2]->path;
+            if (parent.property || !samePrefix(parent.segments, segments, depth - 1)) return false;
         }
-        for (const auto& [key, value] : e.metadata) total += 16 + key.size() + value.size();
-        for (const auto& name : e.unsetProperties) total += 8 + name.size();
-        for (const auto& key : e.unsetMetadata) total += 16 + key.size();
-        lines += e.metadata.size() + e.unsetProperties.size() + e.unsetMetadata.size();
-        total += lines * margin;
+        while (open.size() >= depth)
+            if (!closeLast()) return false;
+        if (names.size() < depth + 1) names.resize(depth + 1);
+        names[depth - 1].add(segments.back());
+        if (depth == 1 && !std::exchange(first, false)) out_.put('\n');
+        elementHead(e, depth - 1);
+        while (next < connections.size() && !e.path.property && connections[next].target.segments.size() == depth &&
+               samePrefix(connections[next].target.segments, segments, depth))
+            connectionLine(connections[next++], depth);
+        open.push_back(&e);
     }
-    total += doc.connections().size() * 48;
-    total += (doc.deletions().size() + doc.connectionDeletions().size() + doc.globLinks().size()) * 48;
-    for (const auto& r : doc.reorders()) total += 32 + r.order.size() * 32;
-    return total;
+    while (!open.empty())
+        if (!closeLast()) return false;
+    return next == connections.size() && (names.empty() || !names[0].repeats(scratch));
 }
 
-// Which elements have children, so that only those look up their child list. Documents come
-// mostly in preorder, so the chain of the latest element at each depth usually holds an
-// element's parent; the index is asked only when it doesn't. (Should a raw insert have put two
-// elements on one path, the one found here writes the children.)
-std::vector<std::uint8_t> Writer::markParents() const {
+// The walk in general: every element's parent and every connection's element are found first,
+// in one pass, and the tree is then walked from the root. The latest element one level up
+// usually is the parent; the document's index is asked only when it isn't. Should a raw insert
+// have put two elements on one path, each of them holds all the children of that path, as a
+// walk by paths has it, and the connections go to the later one, which the document's index
+// names; the index then lists the children of every element.
+void Writer::elementsByTree() {
     const auto& elements = doc_.elements();
-    std::vector<std::uint8_t> marks(elements.size(), 0);
-    std::vector<std::size_t> chain;  // chain[k]: the latest element with k + 1 segments
-    for (std::size_t j = 0; j < elements.size(); ++j) {
-        const auto& segments = elements[j].path.segments;
+    const std::size_t n = elements.size();
+    std::optional<TargetTable> targets;
+    if (!doc_.connections().empty()) targets.emplace(doc_.connections());
+    std::vector<std::uint32_t> parentOf(n, kNone);
+    std::vector<std::uint32_t> ownerOf(targets ? targets->keys() : 0, kNone);  // by key
+    std::vector<std::uint32_t> chain;  // chain[k]: the latest element with k + 1 segments
+    for (std::size_t j = 0; j < n; ++j) {
+        const Path& path = elements[j].path;
+        const auto& segments = path.segments;
         const std::size_t depth = segments.size();
         if (depth == 0) continue;
-        if (depth >= 2) {
-            bool found = false;
-            if (chain.size() >= depth - 1) {
-                const auto& candidate = elements[chain[depth - 2]].path.segments;
-                found = candidate.size() + 1 == depth && std::equal(candidate.begin(), candidate.end(), segments.begin());
-                if (found) marks[chain[depth - 2]] = 1;
-            }
-            if (!found) {
-                if (const Element* parent = doc_.element(Path(std::vector<std::string>(segments.begin(), segments.end() - 1), std::nullopt)))
-                    marks[static_cast<std::size_t>(parent - elements.data())] = 1;
-            }
+        if (depth == 1) {
+            parentOf[j] = static_cast<std::uint32_t>(n);
+        } else if (chain.size() >= depth - 1) {
+            const Path& candidate = elements[chain[depth - 2]].path;
+            if (!candidate.property && candidate.segments.size() + 1 == depth &&
+                samePrefix(candidate.segments, segments, depth - 1))
+                parentOf[j] = chain[depth - 2];
+        }
+        if (parentOf[j] == kNone) {
+            const Path parentPath(std::vector<std::string>(segments.begin(), segments.end() - 1), std::nullopt);
+            if (const Element* parent = doc_.element(parentPath))
+                parentOf[j] = static_cast<std::uint32_t>(parent - elements.data());
+        }
+        if (targets && !path.property) {
+            const std::uint32_t key = targets->key(pathHash(segments), segments);
+            if (key != kNone) ownerOf[key] = static_cast<std::uint32_t>(j);
         }
         chain.resize(depth - 1);
-        chain.push_back(j);
+        chain.push_back(static_cast<std::uint32_t>(j));
     }
-    return marks;
-}
-
-void Writer::document() {
-    out_.put("#zeltha 4.0\n");
-    groupConnections();
-    const auto& elements = doc_.elements();
+    std::vector<std::uint32_t> keyOf(targets ? n : 0, kNone);  // by element
+    for (std::size_t key = 0; key < ownerOf.size(); ++key)
+        if (ownerOf[key] != kNone) keyOf[ownerOf[key]] = static_cast<std::uint32_t>(key);
+    std::vector<std::uint32_t> childStart;  // children of element p at childStart[p]..[p + 1]
+    std::vector<std::uint32_t> children;    // the root's are those of p == n
+    groupBy(parentOf, n + 1, childStart, children);
+    if (sharesPaths(childStart, children)) childrenByPath(childStart, children);
 
     struct Frame {
-        const std::vector<std::size_t>* children;
-        std::size_t next;
+        std::uint32_t next;  // into children
+        std::uint32_t end;
         std::size_t depth;
     };
     std::vector<Frame> stack;
-    const std::vector<std::uint8_t> parents = markParents();
-    auto open = [&](std::size_t position, std::size_t depth) {
-        const Element& e = elements[position];
-        elementHead(e, depth);
-        stack.push_back(Frame{parents[position] ? doc_.childPositions(e.path) : nullptr, 0, depth});
+    auto enter = [&](std::size_t position, std::size_t depth) {
+        elementHead(elements[position], depth);
+        if (!keyOf.empty() && keyOf[position] != kNone)
+            for (const std::uint32_t i : targets->connectionsOf(keyOf[position]))
+                connectionLine(doc_.connections()[i], depth + 1);
+        stack.push_back(Frame{childStart[position], childStart[position + 1], depth});
     };
-
-    if (const auto* top = doc_.childPositions(Path())) {
-        for (std::size_t i = 0; i < top->size(); ++i) {
-            if (i) out_.put('\n');
-            open((*top)[i], 0);
-            while (!stack.empty()) {
-                Frame& f = stack.back();
-                if (f.children && f.next < f.children->size()) {
-                    const std::size_t child = (*f.children)[f.next++];
-                    open(child, f.depth + 1);
-                    continue;
-                }
-                spaces(f.depth);
-                out_.put("}\n");
-                stack.pop_back();
+    for (std::uint32_t i = childStart[n]; i < childStart[n + 1]; ++i) {
+        if (i != childStart[n]) out_.put('\n');
+        enter(children[i], 0);
+        while (!stack.empty()) {
+            Frame& f = stack.back();
+            if (f.next < f.end) {
+                enter(children[f.next++], f.depth + 1);
+                continue;
             }
+            close(f.depth);
+            stack.pop_back();
         }
     }
+}
 
+// Whether two elements stand on one path: then two children of one element, or two top-level
+// elements, have one name.
+bool Writer::sharesPaths(const std::vector<std::uint32_t>& childStart,
+                         const std::vector<std::uint32_t>& children) const {
+    ChildNames names;
+    std::vector<std::uint64_t> scratch;
+    for (std::size_t p = 0; p + 1 < childStart.size(); ++p) {
+        for (std::uint32_t i = childStart[p]; i < childStart[p + 1]; ++i)
+            names.add(doc_.elements()[children[i]].path.segments.back());
+        if (names.repeats(scratch)) return true;
+    }
+    return false;
+}
+
+// The children of every element, and the root's, as the document's index lists them by path.
+void Writer::childrenByPath(std::vector<std::uint32_t>& childStart, std::vector<std::uint32_t>& children) const {
+    const auto& elements = doc_.elements();
+    childStart.assign(1, 0);
+    children.clear();
+    auto add = [&](const std::vector<std::size_t>* list) {
+        if (list)
+            for (const std::size_t i : *list) children.push_back(static_cast<std::uint32_t>(i));
+        childStart.push_back(static_cast<std::uint32_t>(children.size()));
+    };
+    for (const Element& e : elements) add(e.path.property ? nullptr : doc_.childPositions(e.path));
+    add(doc_.childPositions(Path()));
+}
+
+void Writer::records() {
     for (const auto& p : doc_.deletions()) {
         out_.put("delete ");
         quoted(p.str());
@@ -772,21 +1057,30 @@ void Writer::document() {
     }
 }
 
+std::string Writer::text() {
+    out_.put("#zeltha 4.0\n");
+    const std::size_t header = out_.size();
+    if (!elementsInStoredOrder()) {
+        out_.cut(header);
+        elementsByTree();
+    }
+    records();
+    return out_.take();
+}
+
 }  // namespace
 
 char* writeScalarText(char* out, double x) {
-    return writeNumber(out, x, 1e16, 9);
+    return writeNumber<9>(out, x, 1e16);
 }
 
 char* writeDoubleText(char* out, double x) {
-    return writeNumber(out, x, 1e15, 17);
+    return writeNumber<17>(out, x, 1e15);
 }
 
 std::string serialize(const Document& doc, int indent) {
     if (indent < 0) indent = 0;
-    Out out(estimateSize(doc, indent));
-    Writer(out, doc, indent).document();
-    return out.take();
+    return Writer(doc, indent).text();
 }
 
 }  // namespace ostrevik
