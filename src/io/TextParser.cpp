@@ -389,9 +389,10 @@ std::uint64_t toUInt(std::string_view s) {
     return negative ? std::uint64_t{0} - m : m;
 }
 
-// A keyframe time as its text will be written: equal texts must be equal keys, or a document
-// read back would lose keys that merely differed beyond the written digits.
-double writtenTime(double t) {
+// A keyframe time or handle number as its text will be written (nine digits): equal texts must
+// be equal keys, and what is read must write as it will read back, or a second read and write
+// would change the text again.
+double writtenScalar(double t) {
     if (t == std::trunc(t) && std::fabs(t) < 1e16) return t == 0 ? 0.0 : t;
     char buf[kNumberTextMax];
     char* end = writeScalarText(buf, t);
@@ -1230,7 +1231,7 @@ bool Parser::parseSamples(Current& c, const Decl& decl, const std::string& name)
 bool Parser::parseKeyframe(const Decl& decl, KeyStatement& key) {
     Token t;
     if (!lex_.expect(Tok::Number, &t)) return false;
-    key.time = writtenTime(toDouble(t.text));
+    key.time = writtenScalar(toDouble(t.text));
     if (!lex_.expect(Tok::Colon)) return false;
     if (!parseValue(decl, key.value, true)) {
         fail("invalid value for its declared type");
@@ -1279,7 +1280,7 @@ bool Parser::parseKeyframe(const Decl& decl, KeyStatement& key) {
                 t = lex_.next();
                 if (t.kind == Tok::RBracket) break;
                 if (t.kind != Tok::Number) return false;
-                list.push_back(toDouble(t.text));
+                list.push_back(writtenScalar(toDouble(t.text)));
                 if (lex_.peek().kind == Tok::Comma) lex_.next();
             }
         } else {

@@ -358,6 +358,16 @@ TEST(TextParse, Keyframes) {
 }
 
 TEST(TextParse, WrittenTextIsAFixedPoint) {
+    // Times and handles are written with nine digits; what is read takes that written value at
+    // once, so one read and write settles the text.
+    auto doc = parse("def \"e\" {\n    float v.timeSamples = {\n        33333333333331.03: 1 (interp = bezier, "
+                     "handle = free, left = [33333333333331.03, 0], right = [1, 0]),\n    }\n}\n");
+    ASSERT_TRUE(doc);
+    const std::string once = serialize(*doc, 4);
+    EXPECT_NE(once.find("33333333300000: 1"), std::string::npos) << once;
+    EXPECT_NE(once.find("left = [33333333300000, 0]"), std::string::npos) << once;
+    EXPECT_EQ(serialize(*parseZelthaText(once, nullptr), 4), once);
+
     expectFixedPoint(
         "def group \"scene\" {\n"
         "    float3 color = (1, 0.5, 0)\n"
