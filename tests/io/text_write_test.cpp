@@ -330,3 +330,24 @@ TEST(TextWrite, ConnectionsStayInTheirTargetElementInCreationOrder) {
               "  connect c = </x.p>\n"
               "}\n");
 }
+
+TEST(TextWrite, ChildrenStoredBeforeTheirParentStillNest) {
+    Document doc;
+    doc.insert(element("/a/b/c"));
+    doc.insert(element("/a/b"));
+    doc.insert(element("/z"));
+    doc.insert(element("/a"));
+    doc.connect(Path("/z.o"), Path("/a/b/c.i"));
+    EXPECT_EQ(serialize(doc, 1),
+              "#zeltha 4.0\n"
+              "def \"z\" {\n"
+              "}\n"
+              "\n"
+              "def \"a\" {\n"
+              " def \"b\" {\n"
+              "  def \"c\" {\n"
+              "   connect i = </z.o>\n"
+              "  }\n"
+              " }\n"
+              "}\n");
+}
