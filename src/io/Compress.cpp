@@ -7,7 +7,12 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace ostrevik {
 namespace {
@@ -15,16 +20,20 @@ namespace {
 constexpr std::size_t kWindow = 0x10000;
 constexpr std::size_t kMinMatch = 4;
 constexpr std::size_t kMaxMatch = 259;
-constexpr int kMaxCandidates = 64;
+constexpr std::size_t kMaxCandidates = 64;
 constexpr std::size_t kHashSize = 0x10000;
 constexpr std::size_t kInitialReserve = 0x100000;
 constexpr std::size_t kTypicalRatio = 8;
 
-// Chain links kept per position: the distances to its next two chain predecessors, 16 bits each.
-using Links = std::uint32_t;
-constexpr int kLinks = 2;
-// How far ahead the head slot of an upcoming position is prefetched.
+// The chain links of a position: for each of its next kLinks chain predecessors the distance
+// minus 1, 16 bits each, 0xFFFF for none or out of reach. One load yields a stretch of the chain,
+// and a position's links are its predecessor's moved one place and pushed further back, which a
+// saturating add does for all lanes at once.
+using Links = std::uint16_t __attribute__((vector_size(16)));
+constexpr int kLinks = 8;
+// How far ahead the head slot of an upcoming position is prefetched, and the hashes kept until then.
 constexpr std::size_t kAhead = 16;
+constexpr std::size_t kAheadRing = 32;
 
 // The most one group can produce and the bytes it takes: a flag byte and 8 matches.
 constexpr std::size_t kGroupMaxOut = 8 * kMaxMatch;
@@ -51,13 +60,52 @@ inline std::uint32_t hashAt(const unsigned char* p) {
 // Number of equal bytes at a and b, at most `limit`.
 inline std::size_t matchLength(const unsigned char* a, const unsigned char* b, std::size_t limit) {
     std::size_t k = 0;
+    if (limit >= 16) {
+        // Most matches end within 16 bytes: settle those without a loop.
+        const std::uint64_t x0 = load64(a) ^ load64(b);
+        const std::uint64_t x1 = load64(a + 8) ^ load64(b + 8);
+        if ((x0 | x1) != 0) return x0 != 0 ? std::countr_zero(x0) / 8 : 8 + std::countr_zero(x1) / 8;
+        k = 16;
+    }
     while (k + 8 <= limit) {
-        std::uint64_t x = load64(a + k) ^ load64(b + k);
+        const std::uint64_t x = load64(a + k) ^ load64(b + k);
         if (x != 0) return k + static_cast<std::size_t>(std::countr_zero(x)) / 8;
         k += 8;
     }
     while (k < limit && a[k] == b[k]) ++k;
     return k;
+}
+
+inline Links splat(std::uint16_t v) {
+    const Links r = {v, v, v, v, v, v, v, v};
+    return r;
+}
+
+inline Links addSaturated(Links a, Links b) {
+#if defined(__SSE2__)
+    return reinterpret_cast<Links>(_mm_adds_epu16(reinterpret_cast<__m128i>(a), reinterpret_cast<__m128i>(b)));
+#else
+    const Links sum = a + b;
+    return sum | reinterpret_cast<Links>(sum < a);
+#endif
+}
+
+// The links of a position whose chain predecessor is `d1` bytes back (1..65536, 65536 for none)
+// and has the links `before`: d1 itself, then each of those one place on and d1 further.
+inline Links chainLinks(Links before, std::size_t d1) {
+    const Links zero = {};
+    const Links shifted = __builtin_shufflevector(before, zero, 8, 0, 1, 2, 3, 4, 5, 6);
+    const Links step = {0, 1, 1, 1, 1, 1, 1, 1};
+    return addSaturated(shifted, addSaturated(splat(static_cast<std::uint16_t>(d1 - 1)), step));
+}
+
+// How many leading lanes of `l` are below `bound`; the lanes below it always form a prefix.
+inline int lanesBelow(Links l, std::uint16_t bound) {
+    const Links below = reinterpret_cast<Links>(l < splat(bound));
+    std::uint64_t half[2];
+    std::memcpy(half, &below, sizeof half);
+    const int lo = std::countr_zero(~half[0]);
+    return (lo < 64 ? lo : 64 + std::countr_zero(~half[1])) / 16;
 }
 
 void putU64(unsigned char* p, std::uint64_t v) {
@@ -128,151 +176,224 @@ inline void copyMatchExact(unsigned char* op, std::size_t dist, std::size_t len)
     }
 }
 
+// One pass of the encoder over its input. Positions are kept as signed 32-bit values; one that
+// wraps negative ends its chain.
+class Encoder {
+public:
+    Encoder(const unsigned char* in, std::size_t n, unsigned char* out)
+        : in_(in),
+          n_(n),
+          hashEnd_(n >= kMinMatch ? n - kMinMatch + 1 : 0),
+          // A walk only follows links of candidates inside the window, whose slots no later
+          // position has overwritten yet, so a ring of 64 Ki slots holds every link in use; a
+          // short input needs no more slots than it has positions.
+          ringMask_(std::bit_ceil(std::min(n, kWindow)) - 1),
+          head_(new std::int32_t[kHashSize]),
+          ring_(new Links[ringMask_ + 1]),
+          op_(out) {
+        // An empty head is the most negative position: it is never inside the window, and the
+        // distance to it is never a link.
+        std::fill_n(head_.get(), kHashSize, kNone);
+        // Read, and then ignored, when a position joins an empty chain.
+        ring_[static_cast<std::uint32_t>(kNone) & ringMask_] = splat(0xFFFF);
+    }
+
+    // Encodes the whole input; returns the end of the output.
+    unsigned char* run() {
+        // Below this a full-length match fits, so every compare can read 8 bytes at a time.
+        const std::size_t wideEnd = n_ >= kMaxMatch ? n_ - kMaxMatch + 1 : 0;
+        std::size_t i = encode<true>(0, wideEnd);
+        i = encode<false>(i, hashEnd_);
+        // Fewer than 4 bytes left: literals only.
+        for (; i < n_; ++i) literal(in_[i]);
+        return op_;
+    }
+
+private:
+    static constexpr std::int32_t kNone = std::numeric_limits<std::int32_t>::min();
+
+    struct Match {
+        std::size_t length;
+        std::size_t distance;
+    };
+
+    // Encodes tokens from position i while i is below `end`; returns where it stopped.
+    template <bool Wide>
+    std::size_t encode(std::size_t i, std::size_t end) {
+        // Every position below hashEnd_ passes through `next` once, in order; it hashes the one
+        // kAhead further and asks for its head slot, which is read at random, so that the slot
+        // has arrived by the time that position is searched or inserted.
+        std::uint32_t upcoming[kAheadRing];
+        for (std::size_t p = i; p < std::min(i + kAhead, hashEnd_); ++p) upcoming[p % kAheadRing] = hashAt(in_ + p);
+        auto next = [&](std::size_t p) {
+            const std::size_t far = p + kAhead;
+            if (far < hashEnd_) {
+                const std::uint32_t h = hashAt(in_ + far);
+                upcoming[far % kAheadRing] = h;
+                __builtin_prefetch(&head_[h]);
+            }
+            return upcoming[p % kAheadRing];
+        };
+        while (i < end) {
+            const std::uint32_t h = next(i);
+            const std::int32_t first = head_[h];
+            const Match m = search<Wide>(i, first);
+            insert(i, h, first);
+            if (m.length >= kMinMatch) {
+                emitMatch(m);
+                const std::size_t stop = std::min(i + m.length, hashEnd_);
+                for (std::size_t j = i + 1; j < stop; ++j) {
+                    const std::uint32_t hj = next(j);
+                    insert(j, hj, head_[hj]);
+                }
+                i += m.length;
+            } else {
+                literal(in_[i]);
+                ++i;
+            }
+        }
+        return i;
+    }
+
+    // `old` is the head of p's chain before p joins it.
+    void insert(std::size_t p, std::uint32_t h, std::int32_t old) {
+        const std::size_t d1 = static_cast<std::size_t>(static_cast<std::int64_t>(p) - old);
+        const Links before = ring_[static_cast<std::uint32_t>(old) & ringMask_];
+        ring_[p & ringMask_] = chainLinks(before, std::min(d1, kWindow));
+        head_[h] = static_cast<std::int32_t>(static_cast<std::uint32_t>(p));
+    }
+
+    // The longest match at i among the first kMaxCandidates chain entries in the window, the
+    // chain starting at `first`; of equal lengths the nearest. `Wide`: a full-length match fits
+    // behind i.
+    template <bool Wide>
+    Match search(std::size_t i, std::int64_t first) const {
+        const std::size_t limit = Wide ? kMaxMatch : std::min(n_ - i, kMaxMatch);
+        const std::int64_t low = static_cast<std::int64_t>(std::max(i, kWindow) - kWindow);
+        // Only a count above 3 is ever emitted, so shorter ones need not be tracked.
+        Match best{kMinMatch - 1, 0};
+        // An empty head and a wrapped position are negative, below any `low`.
+        if (first < low) return best;
+        const unsigned char* const cur = in_ + i;
+        // A candidate wins only if it agrees on bytes 0..best. One 8-byte compare that ends at
+        // byte `best` (or covers bytes 0..best) rules out nearly every one that doesn't, so the
+        // walk branches on a new best, not on every near miss; what passes is counted in full.
+        // Near the end of the input, every candidate is counted in full.
+        std::uint64_t mask = 0xFFFFFFFF;
+        std::size_t tailAt = 0;
+        // The bytes compared, kept in a register: read through char pointers, they would
+        // otherwise be reloaded after every store.
+        std::uint64_t curTail = Wide ? load64(cur) : 0;
+        // Bit k set: candidate k, of the first `count` from `from` on, may beat the best.
+        auto promising = [&](const std::int64_t* at, unsigned from, unsigned count) {
+            if (!Wide) return (0xFFu << from) & ((1u << count) - 1);
+            unsigned bits = 0;
+            if (count == kLinks) {
+                // A full slot, the usual case in a long chain: a loop of fixed length.
+                for (unsigned k = 0; k < kLinks; ++k)
+                    bits |= static_cast<unsigned>(((load64(in_ + at[k] + tailAt) ^ curTail) & mask) == 0) << k;
+                return bits & (0xFFu << from);
+            }
+            for (unsigned k = from; k < count; ++k)
+                bits |= static_cast<unsigned>(((load64(in_ + at[k] + tailAt) ^ curTail) & mask) == 0) << k;
+            return bits;
+        };
+        // Takes candidate `at` if it is longer than the best; false once nothing can beat it.
+        auto consider = [&](std::int64_t at) {
+            const std::size_t len = matchLength(in_ + at, cur, limit);
+            if (len <= best.length) return true;
+            best = {len, i - static_cast<std::size_t>(at)};
+            if (len == limit) return false;
+            if (Wide) {
+                mask = len >= 7 ? ~std::uint64_t(0) : (std::uint64_t(1) << (8 * (len + 1))) - 1;
+                tailAt = len >= 7 ? len - 7 : 0;
+                curTail = load64(cur + tailAt);
+            }
+            return true;
+        };
+        // The nearest candidate alone first: on repetitive input it often settles the search,
+        // and otherwise the best it sets sharpens the test of the rest.
+        if ((!Wide || ((load64(in_ + first) ^ curTail) & mask) == 0) && !consider(first)) return best;
+        std::int64_t cand = first;
+        unsigned from = 1;
+        // Each slot of links yields kLinks candidates, the last of them carrying the walk on, so
+        // the candidate limit is a whole number of slots.
+        for (std::size_t slot = 0; slot < kMaxCandidates / kLinks; ++slot, from = 0) {
+            const Links l = ring_[static_cast<std::size_t>(cand) & ringMask_];
+            // The links that stay inside the window; the candidates past them stand in for the
+            // slot's own one, and are then ignored.
+            const int linked = lanesBelow(l, static_cast<std::uint16_t>(cand - low));
+            std::int64_t at[kLinks];
+            at[0] = cand;
+            for (int k = 1; k < kLinks; ++k) at[k] = k <= linked ? cand - 1 - l[k - 1] : cand;
+            const std::int64_t next = cand - 1 - l[kLinks - 1];
+            if (linked == kLinks) __builtin_prefetch(&ring_[static_cast<std::size_t>(next) & ringMask_]);
+            const unsigned count = std::min(linked + 1, kLinks);
+            unsigned pass = promising(at, from, count);
+            while (pass != 0) {
+                const unsigned k = std::countr_zero(pass);
+                const std::size_t before = best.length;
+                if (!consider(at[k])) return best;
+                pass &= pass - 1;
+                if (Wide && best.length != before) pass = promising(at, k + 1, count);
+            }
+            if (linked < kLinks) break;
+            cand = next;
+        }
+        return best;
+    }
+
+    // A token joins the open group, or opens a new one with a flag byte of 0.
+    void openToken() {
+        if (tokens_ == 8) {
+            flag_ = op_++;
+            *flag_ = 0;
+            tokens_ = 0;
+        }
+    }
+
+    void literal(unsigned char c) {
+        openToken();
+        ++tokens_;
+        *op_++ = c;
+    }
+
+    void emitMatch(const Match& m) {
+        openToken();
+        *flag_ |= static_cast<unsigned char>(1u << tokens_);
+        ++tokens_;
+        const std::size_t d = m.distance - 1;
+        op_[0] = static_cast<unsigned char>(d);
+        op_[1] = static_cast<unsigned char>(d >> 8);
+        op_[2] = static_cast<unsigned char>(m.length - kMinMatch);
+        op_ += 3;
+    }
+
+    const unsigned char* const in_;
+    const std::size_t n_;
+    const std::size_t hashEnd_;  // positions with 4 bytes left
+    const std::size_t ringMask_;
+    std::unique_ptr<std::int32_t[]> head_;
+    std::unique_ptr<Links[]> ring_;
+    unsigned char* op_;
+    unsigned char* flag_ = nullptr;
+    unsigned tokens_ = 8;
+};
+
 }  // namespace
 
 std::string compress(std::string_view data) {
     const std::size_t n = data.size();
-    const auto* in = reinterpret_cast<const unsigned char*>(data.data());
     if (n == 0) return std::string(8, '\0');
-
     // Worst case: every byte a literal, plus one flag byte per 8 tokens. The scratch buffer is
     // left uninitialized so that only the pages actually written are ever touched.
     const std::size_t worst = 8 + n + (n + 7) / 8;
     std::unique_ptr<unsigned char[]> buffer(new unsigned char[worst]);
     unsigned char* const base = buffer.get();
     putU64(base, n);
-    unsigned char* op = base + 8;
-
-    // The chain links. A walk only follows links of candidates inside the window, whose slots no
-    // later position has overwritten yet, so a ring of 64 Ki slots holds every link in use. Each
-    // slot keeps the distances to a position's next kLinks chain predecessors (0: none, or too far
-    // to matter), so that one load yields several candidates and the walk waits on memory less.
-    std::unique_ptr<std::int32_t[]> head(new std::int32_t[kHashSize]);
-    std::memset(head.get(), 0xFF, kHashSize * sizeof(std::int32_t));  // every slot -1
-    // Every slot is written when its position is inserted, before any read of it; a short input
-    // needs no more slots than it has positions.
-    std::unique_ptr<Links[]> links(new Links[std::min(n, kWindow)]);
-
-    unsigned char* flag = nullptr;
-    unsigned tokens = 8;
-    auto openToken = [&]() {
-        if (tokens == 8) {
-            flag = op++;
-            *flag = 0;
-            tokens = 0;
-        }
-    };
-    // Positions are kept as signed 32-bit values; one that wraps negative ends its chain.
-    auto insert = [&](std::size_t p, std::uint32_t h) {
-        const std::int32_t old = head[h];
-        Links l = 0;
-        if (old >= 0 && p - static_cast<std::size_t>(old) < kWindow) {
-            const Links d1 = p - static_cast<std::size_t>(old);
-            const Links before = links[static_cast<std::size_t>(old) & (kWindow - 1)];
-            l = d1;
-            for (int k = 1; k < kLinks; ++k) {
-                const Links d = (before >> (16 * (k - 1))) & 0xFFFF;
-                if (d == 0 || d + d1 >= kWindow) break;
-                l |= (d + d1) << (16 * k);
-            }
-        }
-        links[p & (kWindow - 1)] = l;
-        head[h] = static_cast<std::int32_t>(static_cast<std::uint32_t>(p));
-    };
-
-    const std::size_t hashEnd = n >= kMinMatch ? n - kMinMatch + 1 : 0;  // positions with 4 bytes left
-    // The tables are read at random: ask for the head slot of a position a little ahead so that
-    // it has arrived by the time that position is searched or inserted.
-    auto ahead = [&](std::size_t p) {
-        if (p + kAhead < hashEnd) __builtin_prefetch(&head[hashAt(in + p + kAhead)]);
-    };
-    std::size_t i = 0;
-    while (i < n) {
-        if (i < hashEnd) {
-            const std::size_t limit = std::min(n - i, kMaxMatch);
-            const std::int64_t low = static_cast<std::int64_t>(std::max(i, kWindow) - kWindow);
-            ahead(i);
-            const std::uint32_t h = hashAt(in + i);
-            const std::int64_t first = head[h];
-            // Only a count above 3 is ever emitted, so shorter ones need not be tracked.
-            std::size_t best = kMinMatch - 1;
-            std::size_t bestDist = 0;
-            const unsigned char* const cur = in + i;
-            // `low` is never negative, so this also ends the chain at -1 and wrapped positions.
-            if (first >= low) {
-                int budget = kMaxCandidates;
-                // A candidate wins only if it agrees on bytes 0..best, which two 8-byte compares
-                // settle while best < 16, so the walk branches on a new best, not on every near
-                // miss. The last few positions of the input are compared in full.
-                std::uint64_t mask = 0xFFFFFFFF;
-                std::size_t tailAt = 0;
-                const bool wide = limit >= 8;
-                // The bytes at i, kept in registers: compared through char pointers, they would
-                // otherwise be reloaded after every store.
-                const std::uint64_t curHead = wide ? load64(cur) : 0;
-                std::uint64_t curTail = curHead;
-                // Compares one candidate; false when the walk is over.
-                auto visit = [&](std::int64_t cand) {
-                    const unsigned char* c = in + cand;
-                    if (!wide || (((load64(c) ^ curHead) | (load64(c + tailAt) ^ curTail)) & mask) == 0) {
-                        const std::size_t len = matchLength(c, cur, limit);
-                        if (len > best) {
-                            best = len;
-                            bestDist = i - static_cast<std::size_t>(cand);
-                            if (len == limit) return false;
-                            if (wide) {
-                                mask = best >= 7 ? ~std::uint64_t(0) : (std::uint64_t(1) << (8 * (best + 1))) - 1;
-                                tailAt = best >= 7 ? best - 7 : 0;
-                                curTail = load64(cur + tailAt);
-                            }
-                        }
-                    }
-                    return --budget != 0;
-                };
-                std::int64_t cand = first;
-                while (visit(cand)) {
-                    // One load yields the next kLinks candidates: fetch them all before comparing.
-                    const Links l = links[static_cast<std::size_t>(cand) & (kWindow - 1)];
-                    std::int64_t next[kLinks] = {};
-                    int count = 0;
-                    for (; count < kLinks; ++count) {
-                        const std::int64_t d = static_cast<std::int64_t>((l >> (16 * count)) & 0xFFFF);
-                        if (d == 0 || cand - d < low) break;
-                        next[count] = cand - d;
-                        __builtin_prefetch(in + next[count] + tailAt);
-                    }
-                    if (count == kLinks) __builtin_prefetch(&links[static_cast<std::size_t>(next[kLinks - 1]) & (kWindow - 1)]);
-                    bool going = true;
-                    for (int k = 0; k < count && k + 1 < kLinks && going; ++k) going = visit(next[k]);
-                    if (!going || count < kLinks) break;
-                    cand = next[kLinks - 1];
-                }
-            }
-            insert(i, h);
-            if (best >= kMinMatch) {
-                openToken();
-                *flag |= static_cast<unsigned char>(1u << tokens);
-                ++tokens;
-                const std::size_t d = bestDist - 1;
-                op[0] = static_cast<unsigned char>(d);
-                op[1] = static_cast<unsigned char>(d >> 8);
-                op[2] = static_cast<unsigned char>(best - kMinMatch);
-                op += 3;
-                const std::size_t end = std::min(i + best, hashEnd);
-                for (std::size_t j = i + 1; j < end; ++j) {
-                    ahead(j);
-                    insert(j, hashAt(in + j));
-                }
-                i += best;
-                continue;
-            }
-        }
-        openToken();
-        ++tokens;
-        *op++ = in[i];
-        ++i;
-    }
-    return std::string(reinterpret_cast<const char*>(base), static_cast<std::size_t>(op - base));
+    Encoder encoder(reinterpret_cast<const unsigned char*>(data.data()), n, base + 8);
+    const unsigned char* const end = encoder.run();
+    return std::string(reinterpret_cast<const char*>(base), static_cast<std::size_t>(end - base));
 }
 
 std::optional<std::string> decompress(std::string_view stream) {
