@@ -1,5 +1,6 @@
 // The binary crate: a one-pass stream of a string table followed by sections that refer to it.
 #include "Serial.h"
+#include "Prefetch.h"
 
 #include <ostrevik/io.h>
 
@@ -259,7 +260,10 @@ void gather(const Document& doc, Gathered& g) {
                  doc.connectionDeletions().size() + doc.globLinks().size() * 2);
     g.properties.reserve(elementCount * 4);
     std::size_t size = 5 * 4;  // the five counts
-    for (const Element& e : doc.elements()) {
+    const auto& elements = doc.elements();
+    for (std::size_t index = 0; index < elementCount; ++index) {
+        prefetch::properties(elements, index);
+        const Element& e = elements[index];
         refs.push_back(internPath(e.path));
         refs.push_back(table.intern(e.type));
         for (const auto& [name, p] : e.properties) {
@@ -325,11 +329,17 @@ void emitPayload(const Document& doc, const Gathered& g, Out& out) {
     for (std::string_view s : g.table.strings) out.string(s);
 
     const Property* const* property = g.properties.data();
+    const Property* const* const propertiesEnd = property + g.properties.size();
     out.count(doc.elements().size());
     for (const Element& e : doc.elements()) {
         putRefs(2);  // path, type
         out.count(e.properties.size());
         for (std::size_t i = 0; i < e.properties.size(); ++i) {
+            // The values live apart from the flat list: ask for them a few properties ahead.
+            if (propertiesEnd - property > static_cast<std::ptrdiff_t>(prefetch::kAhead)) {
+                __builtin_prefetch(property[prefetch::kAhead]);
+                __builtin_prefetch(property[prefetch::kAhead / 2]->value.data.data());
+            }
             putRefs(1);
             putProperty(out, **property++);
         }

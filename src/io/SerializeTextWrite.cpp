@@ -1,5 +1,6 @@
 // The text format's writer: the whole document in one pass into one string.
 #include "TextNumbers.h"
+#include "Prefetch.h"
 
 #include <ostrevik/io.h>
 
@@ -899,7 +900,10 @@ bool Writer::elementsInStoredOrder() {
         close(open.size());
         return open.size() + 1 >= names.size() || !names[open.size() + 1].repeats(scratch);
     };
-    for (const Element& e : doc_.elements()) {
+    const auto& elements = doc_.elements();
+    for (std::size_t index = 0; index < elements.size(); ++index) {
+        prefetch::properties(elements, index);
+        const Element& e = elements[index];
         const auto& segments = e.path.segments;
         const std::size_t depth = segments.size();
         if (depth == 0) continue;  // the root path: no walk reaches it
