@@ -1,13 +1,12 @@
 // Composition through an in-memory resolver and through files on disk.
 #include <ostrevik/compose.h>
 #include <ostrevik/io.h>
+#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <unistd.h>
 
 using namespace ostrevik;
 namespace fs = std::filesystem;
@@ -197,12 +196,11 @@ TEST(Compose, SharedFileIsParsedOncePerCall) {
 }
 
 TEST(ComposeFile, RelativeReferencesAndLongChains) {
-    char tmpl[] = "/tmp/ostrevik-compose-XXXXXX";
-    fs::path dir = ::mkdtemp(tmpl);
-    fs::create_directories(dir / "sub" / "deeper");
-    std::ofstream(dir / "main.zeltha") << "#zeltha 4.0\ndef \"top\" {\n    reference \"sub/mid.zeltha\"\n}\n";
-    std::ofstream(dir / "sub" / "mid.zeltha") << "#zeltha 4.0\ndef \"mid\" {\n    reference \"deeper/leaf.zeltha\"\n}\n";
-    std::ofstream(dir / "sub" / "deeper" / "leaf.zeltha") << "#zeltha 4.0\ndef \"leaf\" {\n    int depth = 2\n}\n";
+    testsupport::TempDir t;
+    const fs::path& dir = t.dir;
+    testsupport::writeFile(dir / "main.zeltha", "#zeltha 4.0\ndef \"top\" {\n    reference \"sub/mid.zeltha\"\n}\n");
+    testsupport::writeFile(dir / "sub" / "mid.zeltha", "#zeltha 4.0\ndef \"mid\" {\n    reference \"deeper/leaf.zeltha\"\n}\n");
+    testsupport::writeFile(dir / "sub" / "deeper" / "leaf.zeltha", "#zeltha 4.0\ndef \"leaf\" {\n    int depth = 2\n}\n");
     auto c = composeFile((dir / "main.zeltha").string());
     ASSERT_TRUE(c);
     EXPECT_EQ(c->element(Path("/top"))->properties.count("depth"), 1u);
@@ -214,16 +212,14 @@ TEST(ComposeFile, RelativeReferencesAndLongChains) {
     EXPECT_EQ(loaded.elements().size(), 1u);
 
     // A chain of 1000 files, each referencing the next, and then a cycle at its end.
-    for (int i = 0; i < 1000; ++i) {
-        std::ofstream f(dir / ("c" + std::to_string(i) + ".zeltha"));
-        f << "#zeltha 4.0\ndef \"n" << i << "\" {\n";
-        if (i < 999) f << "    reference \"c" << i + 1 << ".zeltha\"\n";
-        f << "    int i = " << i << "\n}\n";
-    }
+    for (int i = 0; i < 1000; ++i)
+        testsupport::writeFile(dir / ("c" + std::to_string(i) + ".zeltha"),
+                               "#zeltha 4.0\ndef \"n" + std::to_string(i) + "\" {\n" +
+                                   (i < 999 ? "    reference \"c" + std::to_string(i + 1) + ".zeltha\"\n" : "") +
+                                   "    int i = " + std::to_string(i) + "\n}\n");
     auto chain = composeFile((dir / "c0.zeltha").string());
     ASSERT_TRUE(chain);
     EXPECT_EQ(chain->elements().size(), 1u);
-    std::ofstream(dir / "c999.zeltha") << "#zeltha 4.0\ndef \"n\" {\n    reference \"c0.zeltha\"\n}\n";
+    testsupport::writeFile(dir / "c999.zeltha", "#zeltha 4.0\ndef \"n\" {\n    reference \"c0.zeltha\"\n}\n");
     EXPECT_FALSE(composeFile((dir / "c0.zeltha").string()));
-    fs::remove_all(dir);
 }

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
 
 #include "ostrevik/core.h"
+#include "support/value_util.h"
 
 using namespace ostrevik;
 
@@ -16,42 +18,16 @@ using F6 = std::array<float, 6>;
 using F32 = std::array<float, 32>;
 using Pairs = std::vector<F2>;
 
-template <class T>
-Value general(DType dtype, std::vector<std::uint32_t> shape, std::vector<T> items) {
-    Value v;
-    v.dtype = dtype;
-    v.shape = std::move(shape);
-    v.data.resize(items.size() * sizeof(T));
-    if (!items.empty()) std::memcpy(v.data.data(), items.data(), v.data.size());
-    return v;
-}
-
-template <class T>
-std::vector<T> items(const Value& v) {
-    std::vector<T> out(v.data.size() / sizeof(T));
-    if (!out.empty()) std::memcpy(out.data(), v.data.data(), out.size() * sizeof(T));
-    return out;
-}
+using testsupport::itemsOf;
+using testsupport::rawValue;
 
 Value floats(std::vector<std::uint32_t> shape, std::vector<float> f) {
-    return general(DType::Float32, std::move(shape), std::move(f));
+    return rawValue(DType::Float32, std::move(shape), std::move(f));
 }
 
 Value halves(std::vector<std::uint16_t> h) {
     const auto n = static_cast<std::uint32_t>(h.size());
-    return general(DType::Float16, {n}, std::move(h));
-}
-
-std::uint32_t bitsOf(float f) {
-    std::uint32_t b;
-    std::memcpy(&b, &f, sizeof b);
-    return b;
-}
-
-float floatOf(std::uint32_t b) {
-    float f;
-    std::memcpy(&f, &b, sizeof f);
-    return f;
+    return rawValue(DType::Float16, {n}, std::move(h));
 }
 
 }  // namespace
@@ -93,10 +69,10 @@ TEST(Value, TypeClassifiesByDtypeAndShape) {
     EXPECT_EQ(floats({0, 2}, {}).type(), Type::Float2Array);
     EXPECT_EQ(floats({3, 3}, std::vector<float>(9)).type(), Type::General);
     EXPECT_EQ(Value(std::vector<std::int64_t>{}).type(), Type::IntArray);
-    EXPECT_EQ(general<std::int64_t>(DType::Int64, {1, 1}, {0}).type(), Type::General);
-    EXPECT_EQ(general<std::uint8_t>(DType::Bool, {1}, {1}).type(), Type::General);
-    EXPECT_EQ(general<std::int32_t>(DType::Int32, {}, {5}).type(), Type::General);
-    EXPECT_EQ(general<double>(DType::Float64, {}, {5}).type(), Type::General);
+    EXPECT_EQ(rawValue<std::int64_t>(DType::Int64, {1, 1}, {0}).type(), Type::General);
+    EXPECT_EQ(rawValue<std::uint8_t>(DType::Bool, {1}, {1}).type(), Type::General);
+    EXPECT_EQ(rawValue<std::int32_t>(DType::Int32, {}, {5}).type(), Type::General);
+    EXPECT_EQ(rawValue<double>(DType::Float64, {}, {5}).type(), Type::General);
 }
 
 TEST(Value, CountSaturatesInsteadOfWrapping) {
@@ -110,25 +86,20 @@ TEST(Value, CountSaturatesInsteadOfWrapping) {
 }
 
 TEST(Value, TypedReadsReturnTheStorage) {
-    EXPECT_EQ(Value(2.5f).as<float>(), 2.5f);
-    EXPECT_EQ(Value(std::int64_t{-1} << 40).as<std::int64_t>(), std::int64_t{-1} << 40);
-    EXPECT_TRUE(Value(true).as<bool>());
-    EXPECT_EQ(Value(std::string("s")).as<std::string>(), "s");
-    F2 a2{1, 2};
-    F3 a3{1, 2, 3};
-    F6 a6{1, 2, 3, 4, 5, 6};
+    auto same = [](auto x) { EXPECT_EQ(Value(x).template as<decltype(x)>(), x); };
+    same(2.5f);
+    same(std::int64_t{-1} << 40);
+    same(true);
+    same(std::string("s"));
+    same(F2{1, 2});
+    same(F3{1, 2, 3});
+    same(F6{1, 2, 3, 4, 5, 6});
     F32 a32{};
     a32[31] = 9;
-    EXPECT_EQ(Value(a2).as<F2>(), a2);
-    EXPECT_EQ(Value(a3).as<F3>(), a3);
-    EXPECT_EQ(Value(a6).as<F6>(), a6);
-    EXPECT_EQ(Value(a32).as<F32>(), a32);
-    Pairs pairs{{1, 2}, {3, 4}};
-    EXPECT_EQ(Value(pairs).as<Pairs>(), pairs);
-    std::vector<std::int64_t> ints{5, -6};
-    EXPECT_EQ(Value(ints).as<std::vector<std::int64_t>>(), ints);
-    std::vector<float> fs{0.5f, 1.5f, 2.5f, 3.5f};
-    EXPECT_EQ(Value(fs).as<std::vector<float>>(), fs);
+    same(a32);
+    same(Pairs{{1, 2}, {3, 4}});
+    same(std::vector<std::int64_t>{5, -6});
+    same(std::vector<float>{0.5f, 1.5f, 2.5f, 3.5f});
 }
 
 TEST(Value, TypedReadsOfShortStorageGiveZeros) {
@@ -144,7 +115,7 @@ TEST(Value, TypedReadsOfShortStorageGiveZeros) {
     EXPECT_TRUE(floats({0, 2}, {}).as<Pairs>().empty());
     Value lying = floats({5, 2}, {1, 2, 3, 4});  // shape claims more than data holds
     EXPECT_EQ(lying.as<Pairs>().size(), 2u);
-    EXPECT_EQ(general<std::uint8_t>(DType::UInt8, {12}, std::vector<std::uint8_t>(12)).as<std::vector<std::int64_t>>().size(), 1u);
+    EXPECT_EQ(rawValue<std::uint8_t>(DType::UInt8, {12}, std::vector<std::uint8_t>(12)).as<std::vector<std::int64_t>>().size(), 1u);
     EXPECT_EQ(Value(std::int64_t{1}).as<std::vector<float>>().size(), 2u);
 }
 
@@ -154,16 +125,16 @@ TEST(Value, AsFloatReducesEveryDtype) {
     EXPECT_EQ(floats({2, 0}, {}).asFloat(), 0.0f);
     EXPECT_EQ(Value(std::vector<float>{3, 4}).asFloat(), 3.0f);
     EXPECT_EQ(Value(true).asFloat(), 1.0f);
-    EXPECT_EQ(general<std::uint8_t>(DType::Bool, {}, {7}).asFloat(), 1.0f);
-    EXPECT_EQ(general<std::uint8_t>(DType::Char, {}, {200}).asFloat(), 200.0f);
-    EXPECT_EQ(general<std::int8_t>(DType::Int8, {}, {-1}).asFloat(), -1.0f);
-    EXPECT_EQ(general<std::int16_t>(DType::Int16, {}, {-300}).asFloat(), -300.0f);
-    EXPECT_EQ(general<std::int32_t>(DType::Int32, {}, {-5}).asFloat(), -5.0f);
-    EXPECT_EQ(general<std::uint8_t>(DType::UInt8, {}, {255}).asFloat(), 255.0f);
-    EXPECT_EQ(general<std::uint16_t>(DType::UInt16, {}, {65535}).asFloat(), 65535.0f);
-    EXPECT_EQ(general<std::uint32_t>(DType::UInt32, {}, {4000000000u}).asFloat(), 4e9f);
-    EXPECT_EQ(general<std::uint64_t>(DType::UInt64, {1}, {~0ull}).asFloat(), 18446744073709551616.0f);
-    EXPECT_EQ(general<double>(DType::Float64, {4, 4}, std::vector<double>(16, 0.1)).asFloat(), 0.1f);
+    EXPECT_EQ(rawValue<std::uint8_t>(DType::Bool, {}, {7}).asFloat(), 1.0f);
+    EXPECT_EQ(rawValue<std::uint8_t>(DType::Char, {}, {200}).asFloat(), 200.0f);
+    EXPECT_EQ(rawValue<std::int8_t>(DType::Int8, {}, {-1}).asFloat(), -1.0f);
+    EXPECT_EQ(rawValue<std::int16_t>(DType::Int16, {}, {-300}).asFloat(), -300.0f);
+    EXPECT_EQ(rawValue<std::int32_t>(DType::Int32, {}, {-5}).asFloat(), -5.0f);
+    EXPECT_EQ(rawValue<std::uint8_t>(DType::UInt8, {}, {255}).asFloat(), 255.0f);
+    EXPECT_EQ(rawValue<std::uint16_t>(DType::UInt16, {}, {65535}).asFloat(), 65535.0f);
+    EXPECT_EQ(rawValue<std::uint32_t>(DType::UInt32, {}, {4000000000u}).asFloat(), 4e9f);
+    EXPECT_EQ(rawValue<std::uint64_t>(DType::UInt64, {1}, {~0ull}).asFloat(), 18446744073709551616.0f);
+    EXPECT_EQ(rawValue<double>(DType::Float64, {4, 4}, std::vector<double>(16, 0.1)).asFloat(), 0.1f);
     EXPECT_EQ(halves({0xC000}).asFloat(), -2.0f);
     // 2^60 + 2^36 + 1 rounds to 2^60 + 2^37 directly, but to 2^60 through double.
     const std::int64_t tricky = (std::int64_t{1} << 60) + (std::int64_t{1} << 36) + 1;
@@ -176,11 +147,11 @@ TEST(Half, WideningIsExact) {
     EXPECT_EQ(halfToFloat(0x0001), std::ldexp(1.0f, -24));
     EXPECT_EQ(halfToFloat(0x03FF), std::ldexp(1023.0f, -24));
     EXPECT_EQ(halfToFloat(0x0400), std::ldexp(1.0f, -14));
-    EXPECT_EQ(bitsOf(halfToFloat(0x8000)), 0x80000000u);
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(halfToFloat(0x8000)), 0x80000000u);
     EXPECT_EQ(halfToFloat(0x7C00), std::numeric_limits<float>::infinity());
     EXPECT_EQ(halfToFloat(0xFC00), -std::numeric_limits<float>::infinity());
-    EXPECT_EQ(bitsOf(halfToFloat(0x7E01)), 0x7FC02000u);  // payload shifted up by 13
-    EXPECT_EQ(bitsOf(halfToFloat(0xFD00)), 0xFFA00000u);
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(halfToFloat(0x7E01)), 0x7FC02000u);  // payload shifted up by 13
+    EXPECT_EQ(std::bit_cast<std::uint32_t>(halfToFloat(0xFD00)), 0xFFA00000u);
 }
 
 TEST(Half, EveryHalfSurvivesARoundTripAndNaNsBecomeQuiet) {
@@ -205,8 +176,8 @@ TEST(Half, NarrowingRoundsHalfUpOnTheMagnitude) {
     EXPECT_EQ(floatToHalf(1e6f), 0x7C00);
     EXPECT_EQ(floatToHalf(-1e30f), 0xFC00);
     EXPECT_EQ(floatToHalf(std::numeric_limits<float>::infinity()), 0x7C00);
-    EXPECT_EQ(floatToHalf(floatOf(0x7F800001u)), 0x7E00);
-    EXPECT_EQ(floatToHalf(floatOf(0xFFC12345u)), 0xFE00);
+    EXPECT_EQ(floatToHalf(std::bit_cast<float>(0x7F800001u)), 0x7E00);
+    EXPECT_EQ(floatToHalf(std::bit_cast<float>(0xFFC12345u)), 0xFE00);
 }
 
 TEST(Value, LerpFloat32IsOneFusedStepOnTheFloatDifference) {
@@ -226,24 +197,24 @@ TEST(Value, LerpFloat32IsOneFusedStepOnTheFloatDifference) {
 TEST(Value, LerpFloat64UsesFusedMultiplyAdd) {
     auto d = [](std::vector<double> v) {
         const auto n = static_cast<std::uint32_t>(v.size());
-        return general(DType::Float64, {n}, std::move(v));
+        return rawValue(DType::Float64, {n}, std::move(v));
     };
     // 3 * (1/3) - 1 is -2^-54 exactly when fused and 0 when the product is rounded first.
     Value r = Value::lerp(d({-1.0, 0.0}), d({2.0, 8.0}), 1.0 / 3.0);
-    EXPECT_EQ(items<double>(r), (std::vector<double>{-std::ldexp(1.0, -54), 8.0 / 3.0}));
+    EXPECT_EQ(itemsOf<double>(r), (std::vector<double>{-std::ldexp(1.0, -54), 8.0 / 3.0}));
     std::vector<double> a(16, 0.0), b(16, 0.0);
     for (int i = 0; i < 4; ++i) {
         a[i * 5] = 1.0;
         b[i * 5] = 3.0;
     }
-    Value blend = Value::lerp(general(DType::Float64, {4, 4}, a), general(DType::Float64, {4, 4}, b), 0.25);
+    Value blend = Value::lerp(rawValue(DType::Float64, {4, 4}, a), rawValue(DType::Float64, {4, 4}, b), 0.25);
     EXPECT_EQ(blend.shape, (std::vector<std::uint32_t>{4, 4}));
-    EXPECT_EQ(items<double>(blend)[5], 1.5);
-    EXPECT_EQ(items<double>(blend)[1], 0.0);
+    EXPECT_EQ(itemsOf<double>(blend)[5], 1.5);
+    EXPECT_EQ(itemsOf<double>(blend)[1], 0.0);
 }
 
 TEST(Value, LerpFloat16WidensBlendsAndNarrows) {
-    auto h = [](const Value& v) { return items<std::uint16_t>(v); };
+    auto h = [](const Value& v) { return itemsOf<std::uint16_t>(v); };
     EXPECT_EQ(h(Value::lerp(halves({0x3C00, 0xBC00}), halves({0x3C01, 0xBC01}), 0.5)),
               (std::vector<std::uint16_t>{0x3C01, 0xBC01}));
     EXPECT_EQ(h(Value::lerp(halves({0x0000}), halves({0x0001}), 0.5)), std::vector<std::uint16_t>{0x0001});
@@ -251,8 +222,8 @@ TEST(Value, LerpFloat16WidensBlendsAndNarrows) {
     EXPECT_EQ(h(Value::lerp(halves({0x0000}), halves({0x7BFF}), 2.0)), std::vector<std::uint16_t>{0x7C00});
     EXPECT_EQ(h(Value::lerp(halves({0x7E00}), halves({0x3C00}), 0.5)), std::vector<std::uint16_t>{0x7E00});
     EXPECT_EQ(h(Value::lerp(halves({0x3C00}), halves({0x7C00}), 0.5)), std::vector<std::uint16_t>{0x7C00});
-    Value quat = general<std::uint16_t>(DType::Float16, {2, 2}, {0x0000, 0x3C00, 0x4000, 0x4200});
-    Value zero = general<std::uint16_t>(DType::Float16, {2, 2}, {0, 0, 0, 0});
+    Value quat = rawValue<std::uint16_t>(DType::Float16, {2, 2}, {0x0000, 0x3C00, 0x4000, 0x4200});
+    Value zero = rawValue<std::uint16_t>(DType::Float16, {2, 2}, {0, 0, 0, 0});
     Value half = Value::lerp(zero, quat, 0.5);
     EXPECT_EQ(half.shape, (std::vector<std::uint32_t>{2, 2}));
     EXPECT_EQ(h(half), (std::vector<std::uint16_t>{0x0000, 0x3800, 0x3C00, 0x3E00}));
@@ -262,11 +233,11 @@ TEST(Value, LerpHoldsEverythingElseAtTheLeftValue) {
     EXPECT_EQ(Value::lerp(Value(std::int64_t{1}), Value(std::int64_t{3}), 0.5), Value(std::int64_t{1}));
     EXPECT_EQ(Value::lerp(Value(false), Value(true), 0.9), Value(false));
     EXPECT_EQ(Value::lerp(Value("a"), Value("b"), 0.5), Value("a"));
-    Value i32 = general<std::int32_t>(DType::Int32, {2}, {1, 2});
-    EXPECT_EQ(Value::lerp(i32, general<std::int32_t>(DType::Int32, {2}, {5, 6}), 0.5), i32);
-    Value u8 = general<std::uint8_t>(DType::UInt8, {}, {10});
-    EXPECT_EQ(Value::lerp(u8, general<std::uint8_t>(DType::UInt8, {}, {20}), 0.5), u8);
-    Value f64 = general<double>(DType::Float64, {}, {4.0});
+    Value i32 = rawValue<std::int32_t>(DType::Int32, {2}, {1, 2});
+    EXPECT_EQ(Value::lerp(i32, rawValue<std::int32_t>(DType::Int32, {2}, {5, 6}), 0.5), i32);
+    Value u8 = rawValue<std::uint8_t>(DType::UInt8, {}, {10});
+    EXPECT_EQ(Value::lerp(u8, rawValue<std::uint8_t>(DType::UInt8, {}, {20}), 0.5), u8);
+    Value f64 = rawValue<double>(DType::Float64, {}, {4.0});
     EXPECT_EQ(Value::lerp(Value(1.0f), f64, 0.5), Value(1.0f));
     Value pair(std::vector<float>{1, 2});
     EXPECT_EQ(Value::lerp(pair, Value(std::vector<float>{1, 2, 3}), 0.5), pair);

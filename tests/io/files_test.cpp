@@ -1,36 +1,18 @@
 // Detection by content, the load door's messages, and durable replacement of files.
 #include <ostrevik/io.h>
+#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <unistd.h>
 
 using namespace ostrevik;
 namespace fs = std::filesystem;
+using testsupport::TempDir;
+using testsupport::readFile;
 
 namespace {
-
-std::string readAll(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-struct TempDir {
-    fs::path dir;
-    TempDir() {
-        char tmpl[] = "/tmp/ostrevik-files-XXXXXX";
-        dir = ::mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    }
-};
 
 std::string message(std::string_view bytes) {
     ParseError e;
@@ -44,18 +26,12 @@ std::string message(std::string_view bytes) {
 
 TEST(Detect, ByContentOnly) {
     using namespace std::string_literals;
-    EXPECT_EQ(detect("#zeltha 4.0\n"), Format::Text);
-    EXPECT_EQ(detect(" \t\r\n#zeltha"), Format::Text);
-    EXPECT_EQ(detect("#zeltha"), Format::Text);
-    EXPECT_EQ(detect("#zelth"), Format::Unknown);
-    EXPECT_EQ(detect(""), Format::Unknown);
-    EXPECT_EQ(detect("   "), Format::Unknown);
-    EXPECT_EQ(detect("ZLTHC\0"s), Format::Binary);
-    EXPECT_EQ(detect("ZLTHZ\0rest"s), Format::Package);
-    EXPECT_EQ(detect("ZLTHC"), Format::Unknown);
-    EXPECT_EQ(detect("ZLTHCx"), Format::Unknown);
-    EXPECT_EQ(detect(" ZLTHC\0"s), Format::Unknown);
-    EXPECT_EQ(detect("#ZELTHA"), Format::Unknown);
+    const std::pair<std::string, Format> cases[] = {
+        {"#zeltha 4.0\n", Format::Text},   {" \t\r\n#zeltha", Format::Text},    {"#zeltha", Format::Text},
+        {"#zelth", Format::Unknown},        {"", Format::Unknown},               {"   ", Format::Unknown},
+        {"ZLTHC\0"s, Format::Binary},       {"ZLTHZ\0rest"s, Format::Package},   {"ZLTHC", Format::Unknown},
+        {"ZLTHCx", Format::Unknown},        {" ZLTHC\0"s, Format::Unknown},      {"#ZELTHA", Format::Unknown}};
+    for (const auto& [bytes, format] : cases) EXPECT_EQ(detect(bytes), format) << bytes;
 }
 
 TEST(Deserialize, MessagesOfEachFormat) {
@@ -82,23 +58,17 @@ TEST(Deserialize, TextAndCrateLoad) {
 TEST(WriteFileDurably, ReplacesAndLeavesNoTemporary) {
     TempDir t;
     fs::path f = t.dir / "doc.zeltha";
-    ASSERT_TRUE(writeFileDurably(f.string(), "first"));
-    EXPECT_EQ(readAll(f), "first");
-    ASSERT_TRUE(writeFileDurably(f.string(), "second, longer"));
-    EXPECT_EQ(readAll(f), "second, longer");
-    ASSERT_TRUE(writeFileDurably(f.string(), ""));
+    for (const char* content : {"first", "second, longer", ""}) {
+        ASSERT_TRUE(writeFileDurably(f.string(), content));
+        EXPECT_EQ(readFile(f), content);
+    }
     EXPECT_TRUE(fs::exists(f));
-    EXPECT_EQ(fs::file_size(f), 0u);
     EXPECT_FALSE(fs::exists(t.dir / "doc.zeltha.tmp"));
-}
-
-TEST(WriteFileDurably, StaleTemporaryIsReused) {
-    TempDir t;
-    fs::path f = t.dir / "doc.zelth";
-    std::ofstream(t.dir / "doc.zelth.tmp") << "stale junk from a crash that is longer";
+    // A stale temporary from a crash is reused.
+    std::ofstream(t.dir / "doc.zeltha.tmp") << "stale junk from a crash that is longer";
     ASSERT_TRUE(writeFileDurably(f.string(), "new"));
-    EXPECT_EQ(readAll(f), "new");
-    EXPECT_FALSE(fs::exists(t.dir / "doc.zelth.tmp"));
+    EXPECT_EQ(readFile(f), "new");
+    EXPECT_FALSE(fs::exists(t.dir / "doc.zeltha.tmp"));
 }
 
 TEST(WriteFileDurably, FailuresKeepTheOldContent) {
@@ -118,7 +88,7 @@ TEST(WriteFileDurably, FailuresKeepTheOldContent) {
     ASSERT_TRUE(writeFileDurably(f.string(), "old"));
     fs::create_directory(t.dir / "keep.zeltha.tmp");
     EXPECT_FALSE(writeFileDurably(f.string(), "new"));
-    EXPECT_EQ(readAll(f), "old");
+    EXPECT_EQ(readFile(f), "old");
 }
 
 TEST(WriteFileDurably, RelativePathSyncsCurrentDirectory) {
@@ -127,5 +97,5 @@ TEST(WriteFileDurably, RelativePathSyncsCurrentDirectory) {
     fs::current_path(t.dir);
     EXPECT_TRUE(writeFileDurably("plain.txt", "x"));
     fs::current_path(old);
-    EXPECT_EQ(readAll(t.dir / "plain.txt"), "x");
+    EXPECT_EQ(readFile(t.dir / "plain.txt"), "x");
 }

@@ -2,6 +2,7 @@
 // sockets.
 #include "Http.h"
 #include "support/server_process.h"
+#include "support/test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +14,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -102,18 +102,6 @@ TEST(HttpRequestReader, LimitsFollowTheReads) {
 
 // ---- the built server over sockets ----
 
-struct TempDir {
-    TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "ostrevik-http-XXXXXX").string();
-        path = mkdtemp(pattern.data()) ? pattern : std::string();
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-    std::string path;
-};
-
 // The server started with --http 0; `port` is read from its listening line.
 struct HttpChild {
     explicit HttpChild(std::vector<std::string> extra = {"--token", kToken}) : process(args(extra)) {
@@ -129,14 +117,14 @@ struct HttpChild {
         }
     }
     std::vector<std::string> args(std::vector<std::string> extra) {
-        extra.insert(extra.begin(), {"--root", dir.path, "--http", "0"});
+        extra.insert(extra.begin(), {"--root", dir.str(), "--http", "0"});
         return extra;
     }
     bool alive() {
         int status = 0;
         return waitpid(process.pid(), &status, WNOHANG) == 0;
     }
-    TempDir dir;
+    testsupport::TempDir dir;
     testsupport::ServerProcess process;
     int port = 0;
 };
@@ -200,6 +188,16 @@ std::string summary(const std::string& response) {
     return head.substr(9, head.find("\r\n") - 9) + " | " + body;
 }
 
+// A ping's summary once service resumes after the threads have let go (or the last failure).
+std::string awaitService(int port) {
+    std::string answer;
+    for (int i = 0; i < 100 && answer.rfind("200 ", 0) != 0; ++i) {
+        if (i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        answer = summary(roundTrip(port, post(port, kPing)));
+    }
+    return answer;
+}
+
 TEST(HttpServer, StartAndRefusals) {
     HttpChild server;
     ASSERT_GT(server.port, 0) << server.process.stderrText();
@@ -217,12 +215,9 @@ TEST(HttpServer, StartAndRefusals) {
     EXPECT_EQ(tokenless.finish(), 1);
 
     // A token file loses its trailing blanks.
-    TempDir dir;
-    std::string file = dir.path + "/token";
-    FILE* f = fopen(file.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fputs("filetoken \t\r\n", f);
-    fclose(f);
+    testsupport::TempDir dir;
+    const std::string file = dir.str() + "/token";
+    testsupport::writeFile(file, "filetoken \t\r\n");
     HttpChild fromFile({"--token-file", file});
     ASSERT_GT(fromFile.port, 0);
     std::string good = "POST / HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer filetoken\r\n"
@@ -344,13 +339,7 @@ TEST(HttpServer, DeadlineAndConnectionLimit) {
     EXPECT_GE(slowSeconds, 9.0);
     EXPECT_LT(slowSeconds, 30.0);
 
-    // Service resumes once the threads have let go.
-    std::string answer;
-    for (int i = 0; i < 100 && answer.rfind("200 ", 0) != 0; ++i) {
-        if (i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        answer = summary(roundTrip(port, post(port, kPing)));
-    }
-    EXPECT_EQ(answer, "200 OK | " + kPong);
+    EXPECT_EQ(awaitService(port), "200 OK | " + kPong);
 }
 
 TEST(HttpServer, PeersThatVanish) {
@@ -371,12 +360,7 @@ TEST(HttpServer, PeersThatVanish) {
         // delay new connections by a second each.
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    std::string answer;
-    for (int i = 0; i < 100 && answer.rfind("200 ", 0) != 0; ++i) {
-        if (i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        answer = summary(roundTrip(server.port, post(server.port, kPing)));
-    }
-    EXPECT_EQ(answer, "200 OK | " + kPong);
+    EXPECT_EQ(awaitService(server.port), "200 OK | " + kPong);
     EXPECT_TRUE(server.alive());
 }
 

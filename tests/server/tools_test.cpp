@@ -1,6 +1,8 @@
 // The tool frame, the catalog and the ten element tools, driven in-process through dispatch.
 #include "Dispatch.h"
 #include "ValueText.h"
+#include "support/test_util.h"
+#include "support/value_util.h"
 
 #include <ostrevik/codecs.h>
 
@@ -13,17 +15,6 @@ namespace {
 using ostrevik::codecs::Json;
 using zserver::dispatch;
 
-const Json* member(const Json& json, const std::string& key) {
-    for (const auto& [k, v] : json.members)
-        if (k == key) return &v;
-    return nullptr;
-}
-
-struct Outcome {
-    bool ok = false;
-    std::string text;
-};
-
 class Tools : public ::testing::Test {
 protected:
     zserver::Session session;
@@ -35,30 +26,16 @@ protected:
     void TearDown() override { zserver::Log::instance().sink = nullptr; }
 
     // Calls a tool with `args` as the JSON text of its arguments (empty: no arguments at all).
-    Outcome call(const std::string& tool, const std::string& args = "") {
-        std::string line = R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":")" + tool + "\"";
-        if (!args.empty()) line += ",\"arguments\":" + args;
-        line += "}}";
-        std::optional<std::string> reply = dispatch(session, line);
-        EXPECT_TRUE(reply) << line;
-        std::optional<Json> json = Json::parse(reply.value_or(""));
-        EXPECT_TRUE(json) << *reply;
-        const Json* result = json ? member(*json, "result") : nullptr;
-        if (!result) return {false, "<no result> " + *reply};
-        const Json* isError = member(*result, "isError");
-        const Json& item = member(*result, "content")->items.at(0);
-        return {isError == nullptr, member(item, "text")->text};
+    testsupport::ToolReply call(const std::string& tool, const std::string& args = "") {
+        return testsupport::parseToolReply(dispatch(session, testsupport::toolCall(tool, args)));
     }
-    void expectOk(const std::string& tool, const std::string& args, const std::string& text) {
-        Outcome out = call(tool, args);
-        EXPECT_TRUE(out.ok) << tool << " " << args << ": " << out.text;
+    void expect(bool ok, const std::string& tool, const std::string& args, const std::string& text) {
+        testsupport::ToolReply out = call(tool, args);
+        EXPECT_EQ(out.ok, ok) << tool << " " << args << ": " << out.text;
         EXPECT_EQ(out.text, text) << tool << " " << args;
     }
-    void expectError(const std::string& tool, const std::string& args, const std::string& text) {
-        Outcome out = call(tool, args);
-        EXPECT_FALSE(out.ok) << tool << " " << args << ": " << out.text;
-        EXPECT_EQ(out.text, text) << tool << " " << args;
-    }
+    void expectOk(const std::string& tool, const std::string& args, const std::string& text) { expect(true, tool, args, text); }
+    void expectError(const std::string& tool, const std::string& args, const std::string& text) { expect(false, tool, args, text); }
     void define(const std::string& path, const std::string& type = "object") {
         expectOk("define_element", R"({"path":")" + path + R"(","type":")" + type + "\"}",
                  "defined " + path + " [" + type + "]");
@@ -71,15 +48,11 @@ protected:
 };
 
 TEST_F(Tools, FrameNamesAndReplies) {
+    // Names that differ from a tool's only by case or a blank are no tools.
     expectError("Describe", "", "unknown tool: Describe");
     EXPECT_EQ(log, (std::vector<std::string>{"tool/call  Describe", "  ERR  unknown tool: Describe"}));
     expectError("get_element ", "", "unknown tool: get_element ");
     expectError("", "", "unknown tool: ");
-    EXPECT_EQ(*dispatch(session, R"({"id":1,"method":"tools/call","params":{"name":5}})"),
-              R"({"id":1,"jsonrpc":"2.0","result":{"isError":true,"content":[{"text":"missing tool name","type":"text"}]}})");
-    EXPECT_EQ(*dispatch(session, R"({"id":1,"method":"tools/call","params":{"name":"x","arguments":{"a-b":{}}}})"),
-              R"({"id":null,"jsonrpc":"2.0","error":{"code":-32700,"message":"parse error"}})");
-    expectError("x", R"({"a-b":1})", "unknown tool: x");
     // Without an id the tool still runs; success carries no isError at all.
     EXPECT_FALSE(dispatch(session, R"({"method":"tools/call","params":{"name":"define_element","arguments":{"path":"/a","type":"t"}}})"));
     EXPECT_EQ(*dispatch(session, R"({"id":"q","method":"tools/call","params":{"name":"describe"}})"),
@@ -146,8 +119,6 @@ TEST_F(Tools, RemoveAndRename) {
     expectError("rename_element", R"({"from":"/a","to":"/y/a"})", "parent element of /y/a does not exist; create it first");
     expectError("rename_element", R"({"from":"/a","to":"/a/b/c/d"})",
                 "rename rejected (cannot move /a under its own descendant)");
-    expectError("rename_element", R"({"from":"/a","to":"/a/x"})",
-                "rename rejected (cannot move /a under its own descendant)");
     expectOk("rename_element", R"({"from":"/a","to":"/z/m"})", "renamed to /z/m");
     EXPECT_EQ(session.doc.connections().at(0).source.str(), "/z/m/b.out");
     expectError("remove_element", R"({"path":"/a"})", "no element at /a");
@@ -199,7 +170,6 @@ TEST_F(Tools, SetPropertyArrays) {
     const std::tuple<const char*, const char*, const char*> cases[] = {
         {"[0,1,0]", "", "3 values)\n  p : float32[3] (3 elems)"},
         {"[1,2,3,4]", "", "4 values)\n  p : float32[4] (4 elems)"},
-        {"[1]", "", "1 values)\n  p : float32[1] (1 elems)"},
         {"[1,2]", "", "2 values)\n  p : float32[2] (2 elems)"},
         {"[1,2,3]", "int[]", "3 values)\n  p : int64[3] (3 elems)"},
         {"[1,2,3]", "int32", "3 values)\n  p : float32[3] (3 elems)"},
@@ -210,7 +180,7 @@ TEST_F(Tools, SetPropertyArrays) {
     for (const auto& [list, dtype, tail] : cases) {
         std::string args = std::string(R"({"path":"/e","name":"p","value":)") + list + R"(,"dtype":")" + dtype + "\"}";
         if (!*dtype) args = std::string(R"({"path":"/e","name":"p","value":)") + list + "}";
-        Outcome out = call("set_property", args);
+        testsupport::ToolReply out = call("set_property", args);
         EXPECT_EQ(out.text + "\n" + props("/e"), std::string("set /e.p (") + tail + "\n") << args;
     }
     std::vector<float> stored = session.doc.elements()[0].properties.at("p").value.as<std::vector<float>>();
@@ -273,50 +243,42 @@ TEST_F(Tools, ConnectAndDisconnect) {
 TEST_F(Tools, CatalogOnTheWire) {
     std::string reply = *dispatch(session, R"j({"id":1,"method":"tools/list"})j");
     define("/a");
-    EXPECT_EQ(*dispatch(session, R"j({"id":1,"method":"tools/list"})j"), reply);
-    std::optional<Json> json = Json::parse(reply);
-    const Json& tools = *member(*member(*json, "result"), "tools");
-    ASSERT_EQ(tools.items.size(), 17u);
-    EXPECT_EQ(tools.items[0].dump(),
-              R"j({"description":"List every element in the open document with its path, type, and property count )j"
-              "\xE2\x80\x94"
-              R"j( the cheap way to see the whole document before editing.","name":"describe","inputSchema":{"type":"object","properties":{},"required":[]}})j");
+    EXPECT_EQ(*dispatch(session, R"j({"id":1,"method":"tools/list"})j"), reply);  // fixed, whatever the document
+    const std::optional<Json> json = Json::parse(reply);
+    const Json& tools = json->members.at(2).second.members.at(0).second;
+    std::string names;
+    for (const Json& t : tools.items) names += t.members.at(1).second.text + " ";
+    EXPECT_EQ(names, "describe get_element define_element remove_element rename_element set_property remove_property "
+                     "set_metadata connect disconnect save load search compose import export commit ");
+    // One entry in full; the others differ only in their texts.
     EXPECT_EQ(tools.items[5].dump(),
               R"j({"description":"Set a typed property on an element. Value is a JSON scalar OR a numeric array; pass dtype to coerce/shape (e.g. float3, int[]).","name":"set_property","inputSchema":{"type":"object","properties":{"path":{"description":"Element path","type":"string"},"name":{"description":"Property name","type":"string"},"value":{"description":"Scalar (number/string/bool) or a numeric array, e.g. [0,1,0]"},"dtype":{"description":"Optional: int32/float32/float64/bool/str/float2/float3/int[]/)j"
               "\xE2\x80\xA6"
               R"j(","type":"string"}},"required":["path","name","value"]}})j");
-    EXPECT_EQ(tools.items[16].dump(),
-              R"j({"description":"Stage just this document's file and commit it to git (authored as the project owner), then optionally push. This is the document's versioning + publish step )j"
-              "\xE2\x80\x94"
-              R"j( save first.","name":"commit","inputSchema":{"type":"object","properties":{"message":{"description":"Commit message","type":"string"},"push":{"description":"Also push to the remote (default false)","type":"boolean"}},"required":[]}})j");
-    const char* names[] = {"describe", "get_element", "define_element", "remove_element", "rename_element",
-                           "set_property", "remove_property", "set_metadata", "connect", "disconnect",
-                           "save", "load", "search", "compose", "import", "export", "commit"};
-    for (size_t i = 0; i < 17; ++i) EXPECT_EQ(member(tools.items[i], "name")->text, names[i]);
+    const std::string describe = tools.items[0].dump(), commit = tools.items[16].dump();
+    EXPECT_EQ(describe.substr(describe.find(",\"name\"")),
+              R"(,"name":"describe","inputSchema":{"type":"object","properties":{},"required":[]}})");
+    EXPECT_NE(commit.find(R"j("push":{"description":"Also push to the remote (default false)","type":"boolean"}},"required":[]})j"),
+              std::string::npos);
 }
 
 TEST(ValueText, Forms) {
     using ostrevik::DType;
     using ostrevik::Value;
-    auto raw = [](DType dtype, std::vector<std::uint8_t> data, std::vector<std::uint32_t> shape = {}) {
-        Value v;
-        v.dtype = dtype;
-        v.data = std::move(data);
-        v.shape = std::move(shape);
-        return v;
+    using testsupport::rawValue;
+    const std::pair<Value, const char*> cases[] = {
+        {rawValue<char>(DType::Char, {}, {'q'}), "char = 'q'"},
+        {rawValue<std::int16_t>(DType::Int16, {}, {-2}), "int16 = -2"},
+        {rawValue<std::uint16_t>(DType::Float16, {}, {0x3E00}), "float16 = 2"},  // 1.5 rounds away
+        {Value(std::int64_t(16777217)), "int64 = 16777216"},
+        {Value(0.1f), "float32 = 0.1"},
+        {rawValue<std::int32_t>(DType::Int32, {2, 3}, std::vector<std::int32_t>(6)), "int32[2,3] (6 elems)"},
+        {rawValue<float>(DType::Float32, {0}, {}), "float32[0] (0 elems)"},
+        {testsupport::strValue({2}, {"a", "b"}), "str[2] (2 elems)"},
+        {testsupport::strValue({0}, {}), "null"},
+        {Value("q\""), "str = \"q\"\""},
     };
-    EXPECT_EQ(zserver::valueText(raw(DType::Char, {'q'})), "char = 'q'");
-    EXPECT_EQ(zserver::valueText(raw(DType::Int16, {0xfe, 0xff})), "int16 = -2");
-    EXPECT_EQ(zserver::valueText(raw(DType::Float16, {0x00, 0x3e})), "float16 = 2");  // 1.5 rounds away
-    EXPECT_EQ(zserver::valueText(Value(std::int64_t(16777217))), "int64 = 16777216");
-    EXPECT_EQ(zserver::valueText(Value(0.1f)), "float32 = 0.1");
-    EXPECT_EQ(zserver::valueText(raw(DType::Int32, std::vector<std::uint8_t>(24), {2, 3})), "int32[2,3] (6 elems)");
-    EXPECT_EQ(zserver::valueText(raw(DType::Float32, {}, {0})), "float32[0] (0 elems)");
-    Value strings = raw(DType::Str, {}, {2});
-    strings.strings = {"a", "b"};
-    EXPECT_EQ(zserver::valueText(strings), "str[2] (2 elems)");
-    EXPECT_EQ(zserver::valueText(raw(DType::Str, {}, {0})), "null");
-    EXPECT_EQ(zserver::valueText(Value("q\"")), "str = \"q\"\"");
+    for (const auto& [value, text] : cases) EXPECT_EQ(zserver::valueText(value), text);
 }
 
 }  // namespace
