@@ -7,7 +7,9 @@
 #include <benchmark/benchmark.h>
 
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 
 using namespace ostrevik;
 
@@ -15,12 +17,7 @@ namespace {
 
 constexpr std::uint64_t kSeed = 7;
 
-const Document& generated(std::size_t n) {
-    static std::map<std::size_t, Document> cache;
-    auto it = cache.find(n);
-    if (it == cache.end()) it = cache.emplace(n, bench::generateDocument(n, kSeed)).first;
-    return it->second;
-}
+const Document& generated(std::size_t n) { return bench::cachedDocument(n, kSeed); }
 
 // Every element carries three distinct strings of a few bytes, so the string table is as
 // large as the document.
@@ -41,12 +38,13 @@ const Document& shortStrings(std::size_t n) {
     return cache.emplace(n, std::move(doc)).first->second;
 }
 
-template <const Document& (*Make)(std::size_t)>
-void crateSave(benchmark::State& state, bool compressed) {
+// Times writing the document of the case's size with `write`.
+template <const Document& (*Make)(std::size_t), class Write>
+void save(benchmark::State& state, Write write) {
     const Document& doc = Make(state.range(0));
     std::size_t bytes = 0;
     for (auto _ : state) {
-        std::string out = serializeBinary(doc, compressed);
+        std::string out = write(doc);
         bytes = out.size();
         benchmark::DoNotOptimize(out.data());
     }
@@ -54,12 +52,13 @@ void crateSave(benchmark::State& state, bool compressed) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-template <const Document& (*Make)(std::size_t)>
-void crateLoad(benchmark::State& state, bool compressed) {
-    const std::string bytes = serializeBinary(Make(state.range(0)), compressed);
+// Times reading back what `write` made of the document of the case's size with `read`.
+template <const Document& (*Make)(std::size_t), class Write, class Read>
+void load(benchmark::State& state, Write write, Read read) {
+    const std::string bytes = write(Make(state.range(0)));
     for (auto _ : state) {
-        auto doc = deserializeBinary(bytes);
-        if (!doc) state.SkipWithError("crate did not load");
+        auto doc = read(bytes);
+        if (!doc) state.SkipWithError("the file did not load");
         benchmark::DoNotOptimize(doc);
         state.PauseTiming();  // freeing the document is not part of loading it
         doc.reset();
@@ -69,44 +68,23 @@ void crateLoad(benchmark::State& state, bool compressed) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-template <const Document& (*Make)(std::size_t)>
-void textSave(benchmark::State& state) {
-    const Document& doc = Make(state.range(0));
-    std::size_t bytes = 0;
-    for (auto _ : state) {
-        std::string out = serialize(doc, 4);
-        bytes = out.size();
-        benchmark::DoNotOptimize(out.data());
-    }
-    state.counters["file_bytes"] = static_cast<double>(bytes);
-    state.SetItemsProcessed(state.iterations() * state.range(0));
+auto crate(bool compressed) {
+    return [compressed](const Document& doc) { return serializeBinary(doc, compressed); };
 }
+std::string text(const Document& doc) { return serialize(doc, 4); }
+std::optional<Document> readCrate(std::string_view bytes) { return deserializeBinary(bytes); }
+std::optional<Document> readText(std::string_view bytes) { return parseZelthaText(bytes, nullptr); }
 
-template <const Document& (*Make)(std::size_t)>
-void textLoad(benchmark::State& state) {
-    const std::string text = serialize(Make(state.range(0)), 4);
-    for (auto _ : state) {
-        auto doc = parseZelthaText(text, nullptr);
-        if (!doc) state.SkipWithError("text did not parse");
-        benchmark::DoNotOptimize(doc);
-        state.PauseTiming();  // freeing the document is not part of loading it
-        doc.reset();
-        state.ResumeTiming();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
-    state.SetItemsProcessed(state.iterations() * state.range(0));
-}
-
-void BM_CrateSave(benchmark::State& s) { crateSave<generated>(s, true); }
-void BM_CrateLoad(benchmark::State& s) { crateLoad<generated>(s, true); }
-void BM_CrateSaveRaw(benchmark::State& s) { crateSave<generated>(s, false); }
-void BM_CrateLoadRaw(benchmark::State& s) { crateLoad<generated>(s, false); }
-void BM_TextSave(benchmark::State& s) { textSave<generated>(s); }
-void BM_TextLoad(benchmark::State& s) { textLoad<generated>(s); }
-void BM_ShortStringsCrateSave(benchmark::State& s) { crateSave<shortStrings>(s, true); }
-void BM_ShortStringsCrateLoad(benchmark::State& s) { crateLoad<shortStrings>(s, true); }
-void BM_ShortStringsTextSave(benchmark::State& s) { textSave<shortStrings>(s); }
-void BM_ShortStringsTextLoad(benchmark::State& s) { textLoad<shortStrings>(s); }
+void BM_CrateSave(benchmark::State& s) { save<generated>(s, crate(true)); }
+void BM_CrateLoad(benchmark::State& s) { load<generated>(s, crate(true), readCrate); }
+void BM_CrateSaveRaw(benchmark::State& s) { save<generated>(s, crate(false)); }
+void BM_CrateLoadRaw(benchmark::State& s) { load<generated>(s, crate(false), readCrate); }
+void BM_TextSave(benchmark::State& s) { save<generated>(s, text); }
+void BM_TextLoad(benchmark::State& s) { load<generated>(s, text, readText); }
+void BM_ShortStringsCrateSave(benchmark::State& s) { save<shortStrings>(s, crate(true)); }
+void BM_ShortStringsCrateLoad(benchmark::State& s) { load<shortStrings>(s, crate(true), readCrate); }
+void BM_ShortStringsTextSave(benchmark::State& s) { save<shortStrings>(s, text); }
+void BM_ShortStringsTextLoad(benchmark::State& s) { load<shortStrings>(s, text, readText); }
 
 }  // namespace
 

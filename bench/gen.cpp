@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstring>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -236,6 +237,14 @@ Document generateDocument(std::size_t elements, std::uint64_t seed) {
         }
     }
     return std::move(b.doc);
+}
+
+const Document& cachedDocument(std::size_t elements, std::uint64_t seed) {
+    static std::map<std::pair<std::size_t, std::uint64_t>, Document> cache;
+    const auto key = std::make_pair(elements, seed);
+    auto it = cache.find(key);
+    if (it == cache.end()) it = cache.emplace(key, generateDocument(elements, seed)).first;
+    return it->second;
 }
 
 }  // namespace ostrevik::bench

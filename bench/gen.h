@@ -36,4 +36,8 @@ namespace ostrevik::bench {
 // A deterministic document of exactly `elements` elements; see above for its shape.
 Document generateDocument(std::size_t elements, std::uint64_t seed = 1);
 
+// The same document, generated once per process and kept: benchmarks that run several cases on
+// one size share it instead of each building their own.
+const Document& cachedDocument(std::size_t elements, std::uint64_t seed = 1);
+
 }  // namespace ostrevik::bench
