@@ -436,6 +436,23 @@ private:
         return out || (in_.ok = false);
     }
 
+    // A wire's end. The text format can wire a property whose name the path grammar can't
+    // spell (one with dots or spaces, or one on the root), and the writer stores it as it is;
+    // so that such a file loads again, a text that isn't a path still reads as a slot when the
+    // part before its first dot is an element path, the rest being the property's name.
+    bool getSlot(std::optional<Path>& out) {
+        std::string_view text;
+        if (!getRef(text)) return false;
+        out = Path::parse(text);
+        if (out) return true;
+        const std::size_t dot = text.find('.');
+        if (dot == std::string_view::npos || dot + 1 == text.size()) return in_.ok = false;
+        std::optional<Path> element = dot == 0 ? Path() : Path::parse(text.substr(0, dot));
+        if (!element) return in_.ok = false;
+        out = element->appendingProperty(text.substr(dot + 1));
+        return true;
+    }
+
     bool readPairs(std::vector<std::pair<double, double>>& out) {
         std::uint32_t n;
         if (!in_.getCount(n, 16)) return false;
@@ -560,7 +577,7 @@ private:
         if (!in_.getCount(n, 8)) return false;
         for (std::uint32_t i = 0; i < n; ++i) {
             std::optional<Path> source, target;
-            if (!getPath(source) || !getPath(target)) return false;
+            if (!getSlot(source) || !getSlot(target)) return false;
             doc_.connect(*source, *target);  // a pair without properties is dropped
         }
         return true;

@@ -358,6 +358,21 @@ TEST(CrateRoundTrip, EveryValueFormAndRecord) {
     }
 }
 
+TEST(CrateRoundTrip, WiresIntoSlotsNoPathCanSpell) {
+    // Text wires the root and properties whose names hold dots, spaces or slashes; saved as a
+    // crate, such a document must load again with the same wires.
+    auto doc = parseZelthaText("#zeltha 4.0\nconnect x = </a.out>\ndef \"e\" {\n"
+                               "    connect e.xposure = </a.out>\n    connect \"a b/c\" = </a.out>\n}\n",
+                               nullptr);
+    ASSERT_TRUE(doc);
+    auto back = deserializeBinary(serializeBinary(*doc, true));
+    ASSERT_TRUE(back);
+    const Path source("/a.out");
+    EXPECT_EQ(back->connections(), (std::vector<Connection>{{source, Path().appendingProperty("x")},
+                                                            {source, Path("/e").appendingProperty("a b/c")},
+                                                            {source, Path("/e").appendingProperty("e.xposure")}}));
+}
+
 TEST(CrateRoundTrip, NonFiniteNumbersBecomeZero) {
     constexpr float inf = std::numeric_limits<float>::infinity();
     Document doc;
