@@ -254,10 +254,22 @@ public:
         std::vector<Path> connectionDeletions;
         std::vector<Reorder> reorders;
         std::vector<GlobLink> globLinks;
-        std::unordered_map<Path, std::size_t> byPath;
+        // An open-addressing hash table of positions. It stores no keys: a slot's key is read
+        // from what its position points at, so indexing an element copies nothing of it.
+        struct Index {
+            struct Slot {
+                std::uint64_t hash = 0;
+                std::size_t at = 0;  // position + 1; 0 marks an empty slot
+            };
+            std::vector<Slot> slots;  // a power of two in size, at most half full
+            std::size_t size = 0;
+            unsigned shift = 64;
+        };
+        Index byPath;                      // element path to the position in elements
         std::unordered_map<Path, Path> incoming;
-        std::unordered_map<Path, std::vector<std::size_t>> childIndex;
-        std::unordered_map<std::uint64_t, std::size_t> byId;
+        Index childIndex;                  // parent path to a place in childLists
+        std::vector<std::vector<std::size_t>> childLists;  // children's positions, ascending
+        Index byId;                        // id to the position in elements
         std::uint64_t nextId = 1;
     };
 
@@ -315,6 +327,10 @@ private:
     static void reindex(Rep& rep);
     static void indexLast(Rep& rep);
     static void rebuildIncoming(Rep& rep);
+    // Position + 1 of the element standing on `path`, 0 when none; with `elementOnly` the
+    // property part of `path` is ignored.
+    static std::size_t lookup(const Rep& rep, const Path& path, bool elementOnly);
+    static const std::vector<std::size_t>* childList(const Rep& rep, const Path& parent);
 
     std::shared_ptr<Rep> rep_;
 };

@@ -2,6 +2,7 @@
 #include "ostrevik/core.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 namespace ostrevik {
@@ -17,11 +18,133 @@ std::pair<std::string, std::string> splitTargetSpec(const std::string& spec) {
     return {spec.substr(0, dot), spec.substr(dot + 1)};
 }
 
+using Index = Document::Rep::Index;
+
+constexpr std::uint64_t kMul = 0x9E3779B97F4A7C15ULL;
+constexpr std::uint64_t kPathSeed = 0x6A09E667F3BCC909ULL;
+
+inline std::uint64_t mix(std::uint64_t h, std::uint64_t word) {
+    h = (h ^ word) * kMul;
+    return h ^ (h >> 32);
+}
+
+// Folds one segment into a path hash, eight bytes at a time. The length goes first, so that
+// segment boundaries count; a path's hash passes through its parent's on the way.
+std::uint64_t hashSegment(std::uint64_t h, const std::string& s) {
+    const char* p = s.data();
+    std::size_t n = s.size();
+    h = mix(h, n + 1);
+    for (; n >= 8; p += 8, n -= 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p, 8);
+        h = mix(h, word);
+    }
+    if (n != 0) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, p, n);
+        h = mix(h, word);
+    }
+    return h;
+}
+
+std::uint64_t hashSegments(const std::vector<std::string>& segments) {
+    std::uint64_t h = kPathSeed;
+    for (const auto& s : segments) h = hashSegment(h, s);
+    return h;
+}
+
+// A property part is folded in after a marker no segment length can produce.
+std::uint64_t hashProperty(std::uint64_t h, const std::optional<std::string>& property) {
+    return property ? hashSegment(mix(h, ~std::uint64_t{0}), *property) : h;
+}
+
+std::size_t bucketOf(const Index& index, std::uint64_t hash) {
+    return static_cast<std::size_t>((hash * kMul) >> index.shift);
+}
+
+// The slot's `at` (position + 1) of the entry with this hash that `same` accepts, or 0.
+template <class Same>
+std::size_t findIn(const Index& index, std::uint64_t hash, Same same) {
+    if (index.size == 0) return 0;
+    const std::size_t mask = index.slots.size() - 1;
+    for (std::size_t b = bucketOf(index, hash);; b = (b + 1) & mask) {
+        const Index::Slot& slot = index.slots[b];
+        if (slot.at == 0) return 0;
+        if (slot.hash == hash && same(slot.at - 1)) return slot.at;
+    }
+}
+
+void place(Index& index, Index::Slot slot) {
+    const std::size_t mask = index.slots.size() - 1;
+    std::size_t b = bucketOf(index, slot.hash);
+    while (index.slots[b].at != 0) b = (b + 1) & mask;
+    index.slots[b] = slot;
+}
+
+// Room for `count` entries with the table at most half full.
+void reserveIndex(Index& index, std::size_t count) {
+    if (count <= index.slots.size() / 2) return;
+    std::size_t capacity = 16;
+    unsigned bits = 4;
+    while (capacity / 2 < count) {
+        capacity *= 2;
+        ++bits;
+    }
+    std::vector<Index::Slot> old(capacity);
+    old.swap(index.slots);
+    index.shift = 64 - bits;
+    for (const Index::Slot& slot : old)
+        if (slot.at != 0) place(index, slot);
+}
+
+// Empties the table for `count` entries; one left far larger by a bigger past is let go, so
+// that a rebuild costs what the document holds now.
+void clearIndex(Index& index, std::size_t count) {
+    if (index.slots.size() > 16 && index.slots.size() / 8 > count) {
+        index.slots = std::vector<Index::Slot>();
+        index.shift = 64;
+    } else {
+        std::fill(index.slots.begin(), index.slots.end(), Index::Slot{});
+    }
+    index.size = 0;
+    reserveIndex(index, count);
+}
+
+// Adds an entry known to be new.
+void insertNew(Index& index, std::uint64_t hash, std::size_t position) {
+    reserveIndex(index, index.size + 1);
+    place(index, Index::Slot{hash, position + 1});
+    ++index.size;
+}
+
+// Points the entry that `same` accepts at `position`, or adds one; true when it was added.
+template <class Same>
+bool insertOrAssign(Index& index, std::uint64_t hash, std::size_t position, Same same) {
+    reserveIndex(index, index.size + 1);
+    const std::size_t mask = index.slots.size() - 1;
+    for (std::size_t b = bucketOf(index, hash);; b = (b + 1) & mask) {
+        Index::Slot& slot = index.slots[b];
+        if (slot.at == 0) {
+            slot = Index::Slot{hash, position + 1};
+            ++index.size;
+            return true;
+        }
+        if (slot.hash == hash && same(slot.at - 1)) {
+            slot.at = position + 1;
+            return false;
+        }
+    }
+}
+
+std::size_t findId(const Document::Rep& rep, std::uint64_t id) {
+    return findIn(rep.byId, id, [&](std::size_t i) { return rep.elements[i].id == id; });
+}
+
 // Gives the element a usable id: a kept id stays unless an element indexed earlier holds it.
 // nextId is raised past every id that enters, so a later handout never repeats a kept one.
 std::uint64_t settleId(Document::Rep& rep, Element& e) {
-    if (e.id == 0 || rep.byId.count(e.id) != 0) {
-        while (rep.nextId == 0 || rep.byId.count(rep.nextId) != 0) ++rep.nextId;
+    if (e.id == 0 || findId(rep, e.id) != 0) {
+        while (rep.nextId == 0 || findId(rep, rep.nextId) != 0) ++rep.nextId;
         e.id = rep.nextId++;
     } else if (e.id >= rep.nextId && e.id != std::numeric_limits<std::uint64_t>::max()) {
         rep.nextId = e.id + 1;
@@ -29,77 +152,32 @@ std::uint64_t settleId(Document::Rep& rep, Element& e) {
     return e.id;
 }
 
-// Empties a hash map but keeps its nodes: a rebuild refills them, reusing their keys' storage,
-// instead of freeing and allocating a million of them again.
-template <class Map>
-std::vector<typename Map::node_type> takeNodes(Map& map) {
-    std::vector<typename Map::node_type> nodes;
-    nodes.reserve(map.size());
-    while (!map.empty()) nodes.push_back(map.extract(map.begin()));
-    return nodes;
-}
-
-// map[key] = value, on a spare node when there is one.
-template <class Map>
-void assignWithSpare(Map& map, std::vector<typename Map::node_type>& spare, const typename Map::key_type& key,
-                     std::size_t value) {
-    if (spare.empty()) {
-        map.insert_or_assign(key, value);
-        return;
+// Enters the element at `i` into the three indexes, hashing its path once: the parent's hash
+// is the path's hash on the way.
+void indexAt(Document::Rep& rep, std::size_t i) {
+    Element& e = rep.elements[i];
+    const std::vector<std::string>& segments = e.path.segments;
+    std::uint64_t h = kPathSeed;
+    if (!segments.empty()) {
+        for (std::size_t k = 0; k + 1 < segments.size(); ++k) h = hashSegment(h, segments[k]);
+        auto sameParent = [&](std::size_t list) {
+            const auto& other = rep.elements[rep.childLists[list].front()].path.segments;
+            return other.size() == segments.size() &&
+                   std::equal(segments.begin(), segments.end() - 1, other.begin());
+        };
+        if (std::size_t at = findIn(rep.childIndex, h, sameParent)) {
+            rep.childLists[at - 1].push_back(i);
+        } else {
+            std::vector<std::size_t>& list = rep.childLists.emplace_back();
+            list.reserve(4);  // most parents have a few children: spares the first regrowths
+            list.push_back(i);
+            insertNew(rep.childIndex, h, rep.childLists.size() - 1);
+        }
+        h = hashSegment(h, segments.back());
     }
-    typename Map::node_type node = std::move(spare.back());
-    spare.pop_back();
-    node.key() = key;
-    node.mapped() = value;
-    auto result = map.insert(std::move(node));
-    if (!result.inserted) {
-        result.position->second = value;
-        spare.push_back(std::move(result.node));
-    }
-}
-
-using ChildEntry = std::pair<const Path, std::vector<std::size_t>>;
-
-// The entry of `path`'s parent in childIndex, made on a spare node when it is new.
-ChildEntry& parentEntryWithSpare(Document::Rep& rep, std::vector<decltype(rep.childIndex)::node_type>& spare,
-                                 const Path& path) {
-    if (spare.empty()) return *rep.childIndex.try_emplace(*path.parent()).first;
-    auto node = std::move(spare.back());
-    spare.pop_back();
-    node.key().segments.assign(path.segments.begin(), path.segments.end() - 1);
-    node.key().property.reset();
-    node.mapped().clear();
-    auto result = rep.childIndex.insert(std::move(node));
-    if (!result.inserted) spare.push_back(std::move(result.node));
-    return *result.position;
-}
-
-// Sets the last segment and the property of a path aside for the life of the guard, so that the
-// path itself can serve as its parent's key without copying it.
-class LeafAside {
-public:
-    explicit LeafAside(Path& path)
-        : path_(path), leaf_(std::move(path.segments.back())), property_(std::move(path.property)) {
-        path_.segments.pop_back();
-        path_.property.reset();
-    }
-    ~LeafAside() {
-        path_.segments.push_back(std::move(leaf_));  // within capacity: cannot throw
-        path_.property = std::move(property_);
-    }
-    LeafAside(const LeafAside&) = delete;
-    LeafAside& operator=(const LeafAside&) = delete;
-
-private:
-    Path& path_;
-    std::string leaf_;
-    std::optional<std::string> property_;
-};
-
-// True when `path` lies directly under `parent` (one more segment, same leading ones).
-bool isDirectChild(const Path& parent, const Path& path) {
-    return path.segments.size() == parent.segments.size() + 1 &&
-           std::equal(parent.segments.begin(), parent.segments.end(), path.segments.begin());
+    h = hashProperty(h, e.path.property);
+    insertOrAssign(rep.byPath, h, i, [&](std::size_t j) { return rep.elements[j].path == e.path; });
+    insertNew(rep.byId, settleId(rep, e), i);
 }
 
 }  // namespace
@@ -118,49 +196,35 @@ Document::Rep& Document::w() {
 
 void Document::reindex(Rep& rep) {
     const std::size_t n = rep.elements.size();
-    auto pathNodes = takeNodes(rep.byPath);
-    auto childNodes = takeNodes(rep.childIndex);
-    auto idNodes = takeNodes(rep.byId);
-    rep.byPath.reserve(n);
-    rep.childIndex.reserve(n);
-    rep.byId.reserve(n);
-
-    // Children tend to follow their parent or their siblings, so the list last used at each
-    // depth usually is the right one; this spares building and hashing a parent path per element.
-    struct Slot {
-        const Path* parent = nullptr;
-        std::vector<std::size_t>* list = nullptr;
-    };
-    std::vector<Slot> lastAtDepth;
-
-    for (std::size_t i = 0; i < n; ++i) {
-        Element& e = rep.elements[i];
-        assignWithSpare(rep.byPath, pathNodes, e.path, i);
-        if (!e.path.segments.empty()) {
-            std::size_t depth = e.path.segments.size() - 1;
-            if (lastAtDepth.size() <= depth) lastAtDepth.resize(depth + 1);
-            Slot& slot = lastAtDepth[depth];
-            if (!slot.parent || !isDirectChild(*slot.parent, e.path)) {
-                ChildEntry& entry = parentEntryWithSpare(rep, childNodes, e.path);
-                slot.parent = &entry.first;  // map nodes stay put when the map rehashes
-                slot.list = &entry.second;
-            }
-            slot.list->push_back(i);
-        }
-        assignWithSpare(rep.byId, idNodes, settleId(rep, e), i);
-    }
+    clearIndex(rep.byPath, n);
+    clearIndex(rep.childIndex, n / 4);  // a guess: parents are fewer than their children
+    clearIndex(rep.byId, n);
+    rep.childLists.clear();
+    for (std::size_t i = 0; i < n; ++i) indexAt(rep, i);
 }
 
 void Document::indexLast(Rep& rep) {
-    if (rep.elements.empty()) return;
-    const std::size_t i = rep.elements.size() - 1;
-    Element& e = rep.elements[i];
-    rep.byPath.insert_or_assign(e.path, i);
-    if (!e.path.segments.empty()) {
-        LeafAside parent(e.path);
-        rep.childIndex[e.path].push_back(i);
-    }
-    rep.byId[settleId(rep, e)] = i;
+    if (!rep.elements.empty()) indexAt(rep, rep.elements.size() - 1);
+}
+
+std::size_t Document::lookup(const Rep& rep, const Path& path, bool elementOnly) {
+    const bool withProperty = !elementOnly && path.property;
+    std::uint64_t h = hashSegments(path.segments);
+    if (withProperty) h = hashProperty(h, path.property);
+    return findIn(rep.byPath, h, [&](std::size_t i) {
+        const Path& p = rep.elements[i].path;
+        return p.segments == path.segments && (withProperty ? p.property == path.property : !p.property);
+    });
+}
+
+const std::vector<std::size_t>* Document::childList(const Rep& rep, const Path& parent) {
+    if (parent.property) return nullptr;  // a parent is an element path
+    const auto& segments = parent.segments;
+    const std::size_t at = findIn(rep.childIndex, hashSegments(segments), [&](std::size_t list) {
+        const auto& child = rep.elements[rep.childLists[list].front()].path.segments;
+        return child.size() == segments.size() + 1 && std::equal(segments.begin(), segments.end(), child.begin());
+    });
+    return at == 0 ? nullptr : &rep.childLists[at - 1];
 }
 
 void Document::rebuildIncoming(Rep& rep) {
@@ -177,15 +241,14 @@ bool Document::has(const Path& path) const {
 }
 
 const Element* Document::element(const Path& path) const {
-    const auto& byPath = rep_->byPath;
-    auto it = path.property ? byPath.find(path.elementPath()) : byPath.find(path);
-    return it == byPath.end() ? nullptr : &rep_->elements[it->second];
+    const std::size_t at = lookup(*rep_, path, true);
+    return at == 0 ? nullptr : &rep_->elements[at - 1];
 }
 
 Element* Document::element(const Path& path) {
     Rep& rep = w();
-    auto it = path.property ? rep.byPath.find(path.elementPath()) : rep.byPath.find(path);
-    return it == rep.byPath.end() ? nullptr : &rep.elements[it->second];
+    const std::size_t at = lookup(rep, path, true);
+    return at == 0 ? nullptr : &rep.elements[at - 1];
 }
 
 std::optional<std::uint64_t> Document::elementId(const Path& path) const {
@@ -195,13 +258,12 @@ std::optional<std::uint64_t> Document::elementId(const Path& path) const {
 }
 
 const Element* Document::elementById(std::uint64_t id) const {
-    auto it = rep_->byId.find(id);
-    return it == rep_->byId.end() ? nullptr : &rep_->elements[it->second];
+    const std::size_t at = findId(*rep_, id);
+    return at == 0 ? nullptr : &rep_->elements[at - 1];
 }
 
 const std::vector<std::size_t>* Document::childPositions(const Path& path) const {
-    auto it = rep_->childIndex.find(path);
-    return it == rep_->childIndex.end() ? nullptr : &it->second;
+    return childList(*rep_, path);
 }
 
 std::vector<Path> Document::children(const Path& path) const {
@@ -239,7 +301,7 @@ Path Document::uniqueChildPath(const Path& parent, std::string_view name, const 
     Path candidate = parent.child(base);
     for (std::uint64_t n = 1;; ++n) {
         if (exclude && candidate == *exclude) return candidate;
-        if (rep_->byPath.count(candidate) == 0) return candidate;
+        if (lookup(*rep_, candidate, false) == 0) return candidate;
         candidate.segments.back() = base + "_" + std::to_string(n);
     }
 }
@@ -250,7 +312,7 @@ Path Document::add(Element element) {
     path.property.reset();
     if (path.segments.empty()) {
         path = uniqueChildPath(Path(), "element", nullptr);
-    } else if (rep.byPath.count(path) != 0) {  // a free path is its own first candidate
+    } else if (lookup(rep, path, false) != 0) {  // a free path is its own first candidate
         std::string name = std::move(path.segments.back());
         path.segments.pop_back();
         path = uniqueChildPath(path, name, nullptr);

@@ -8,14 +8,6 @@ namespace ostrevik {
 
 namespace {
 
-// Is the element part of `slot` (its segments, property ignored) an indexed element?
-// `scratch` is reused across calls so that a pass over many connections doesn't allocate.
-bool hasElementOf(const Document::Rep& rep, const Path& slot, Path& scratch) {
-    if (!slot.property) return rep.byPath.count(slot) != 0;
-    scratch.segments.assign(slot.segments.begin(), slot.segments.end());
-    return rep.byPath.count(scratch) != 0;
-}
-
 // Rewrites `path` in place when it lies at or under `from`; the property part is kept.
 void moveUnder(Path& path, const Path& from, const Path& to) {
     if (from.isAncestorOf(path)) path = path.reparented(from, to);
@@ -64,7 +56,7 @@ void Document::insert(Element element) {
 
 bool Document::insertAll(std::vector<Element> elements) {
     Rep& rep = w();
-    const std::size_t distinctBefore = rep.byPath.size();
+    const std::size_t distinctBefore = rep.byPath.size;
     const std::size_t count = elements.size();
     if (rep.elements.empty()) {
         // Indexing everything afresh gives what inserting one by one would, without growing
@@ -78,15 +70,15 @@ bool Document::insertAll(std::vector<Element> elements) {
             indexLast(rep);
         }
     }
-    return rep.byPath.size() == distinctBefore + count;
+    return rep.byPath.size == distinctBefore + count;
 }
 
 Path Document::addChild(const Path& parent, std::string_view type) {
     Rep& rep = w();
     std::uint64_t n = 0;
-    if (auto it = rep.childIndex.find(parent); it != rep.childIndex.end()) n = it->second.size();
+    if (const auto* children = childList(rep, parent)) n = children->size();
     Path path = parent.child(n);
-    while (rep.byPath.count(path) != 0) path = parent.child(++n);
+    while (lookup(rep, path, false) != 0) path = parent.child(++n);
 
     Element e;
     e.path = path;
@@ -127,7 +119,7 @@ void Document::remove(const Path& path) {
 Path Document::rename(const Path& from, const Path& to) {
     Rep& rep = w();
     const Path src = from.elementPath();
-    if (rep.byPath.count(src) == 0) return from;
+    if (lookup(rep, src, false) == 0) return from;
 
     std::optional<Path> parent = to.parent();
     const Path dstParent = parent ? std::move(*parent) : Path();
@@ -182,18 +174,18 @@ bool Document::disconnect(const Path& target) {
 
 std::size_t Document::pruneDanglingConnections() {
     Rep& rep = w();
-    Path scratch;
+    // Is the element part of `slot` (its segments, property ignored) an indexed element?
+    auto hasElementOf = [&](const Path& slot) { return lookup(rep, slot, true) != 0; };
     auto& connections = rep.connections;
     const std::size_t before = connections.size();
     connections.erase(std::remove_if(connections.begin(), connections.end(),
                                      [&](const Connection& c) {
-                                         return !hasElementOf(rep, c.source, scratch) ||
-                                                !hasElementOf(rep, c.target, scratch);
+                                         return !hasElementOf(c.source) || !hasElementOf(c.target);
                                      }),
                       connections.end());
     auto& links = rep.globLinks;
     links.erase(std::remove_if(links.begin(), links.end(),
-                               [&](const GlobLink& l) { return !hasElementOf(rep, l.source, scratch); }),
+                               [&](const GlobLink& l) { return !hasElementOf(l.source); }),
                 links.end());
 
     const std::size_t removed = before - connections.size();

@@ -46,6 +46,39 @@ TEST(Edit, InsertTakesPathsAsTheyAre) {
     EXPECT_EQ(d.children(Path()).size(), 2u);
 }
 
+TEST(Edit, InsertAllIndexesAsInsertWould) {
+    // Enough elements to regrow the tables, into an empty document and onto one, then a
+    // repeated path, which the later element wins.
+    std::vector<Element> batch;
+    for (int i = 0; i < 40; ++i) {
+        std::string group = "/g";
+        group += std::to_string(i % 5);
+        std::string child = "c";
+        child += std::to_string(i);
+        Element e;
+        e.path = Path(group).child(child);
+        e.id = i == 7 ? 3 : 0;  // an id that an earlier element is handed
+        batch.push_back(e);
+    }
+    Document fresh;
+    EXPECT_TRUE(fresh.insertAll(batch));
+    Document appended = tree({"/g1"});
+    EXPECT_TRUE(appended.insertAll(batch));
+    for (const Document* d : {&fresh, &appended}) {
+        EXPECT_TRUE(indexesConsistent(*d));
+        EXPECT_EQ(d->children(Path("/g2")).size(), 8u);
+    }
+    EXPECT_FALSE(fresh.has(Path("/g1")));
+    EXPECT_EQ(appended.element(Path("/g1.x"))->path, Path("/g1"));
+
+    batch.push_back(batch[3]);
+    batch.back().type = "later";
+    Document twice;
+    EXPECT_FALSE(twice.insertAll(batch));
+    EXPECT_EQ(twice.element(batch[3].path)->type, "later");
+    EXPECT_TRUE(indexesConsistent(twice));
+}
+
 TEST(Edit, AddChildTakesTheNextFreeNumber) {
     Document d = tree({"/p"});
     EXPECT_EQ(d.addChild(Path("/p"), "item"), Path("/p/[0]"));
