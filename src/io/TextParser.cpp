@@ -4,10 +4,12 @@
 #include <ostrevik/io.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <limits>
 #include <unordered_map>
 #include <unordered_set>
@@ -406,6 +408,23 @@ void append(std::vector<std::uint8_t>& data, T v) {
     std::memcpy(data.data() + at, &v, sizeof(T));
 }
 
+// Gives `out` its dtype and shape and sizes its data, in place: the Value constructors would
+// build a temporary (and the float it starts as) first.
+void setNumeric(Value& out, DType dtype, std::initializer_list<std::uint32_t> shape, std::size_t bytes) {
+    out.dtype = dtype;
+    out.shape.assign(shape);
+    out.data.resize(bytes);
+    out.strings.clear();
+}
+
+void setFloats(Value& out, std::initializer_list<std::uint32_t> shape, const double* numbers, std::size_t n) {
+    setNumeric(out, DType::Float32, shape, n * sizeof(float));
+    for (std::size_t i = 0; i < n; ++i) {
+        const float f = static_cast<float>(numbers[i]);
+        std::memcpy(out.data.data() + i * sizeof f, &f, sizeof f);
+    }
+}
+
 bool isPlainName(std::string_view s) {
     if (s.empty()) return false;
     for (char c : s)
@@ -448,6 +467,7 @@ struct Decl {
 
 // A keyframe as read, before it joins the curve.
 struct KeyStatement {
+    explicit KeyStatement(Value v) : value(std::move(v)) {}
     double time = 0;
     Value value;
     Interp interp = Interp::Linear;
@@ -535,10 +555,12 @@ private:
         return dtype == DType::Str ? parseStringLeaf(out.strings) : parseNumLeaf(dtype, out.data);
     }
     bool parseNumbers(std::size_t exact, Tok close, bool trailingComma);
-    template <std::size_t N>
-    bool parseTuple(std::array<float, N>& out);
     bool parseNumber(double& out);
     bool takeUnbacked(std::size_t count);
+    // A value owning no storage, for a place that is filled before it is read: Value() would
+    // allocate the float it starts as. spare_ is always moved out between uses, so it is empty.
+    Value hollowValue() { return Value(std::move(spare_)); }
+    const TypeAlias* cachedAlias(std::string_view word);
 
     std::string message_;
     std::size_t failOffset_ = 0;
@@ -563,7 +585,10 @@ private:
     // the size of the input, so that a short text can't ask for a huge allocation.
     std::size_t unbackedLeft_;
 
-    std::vector<double> numbers_;  // scratch for number lists
+    std::vector<double> numbers_;      // scratch for number lists
+    std::vector<double> pairNumbers_;  // scratch for the numbers of a float2 array
+    Decl decl_;                        // scratch for the declaration of a property
+    std::vector<std::pair<std::string, TypeAlias>> aliases_;  // the aliases met so far
     Value spare_;                  // scratch for property values; moved out after each use
 };
 
@@ -571,6 +596,15 @@ bool Parser::takeUnbacked(std::size_t count) {
     if (count > unbackedLeft_) return false;
     unbackedLeft_ -= count;
     return true;
+}
+
+// A document uses a handful of aliases many times: each is looked up once.
+const TypeAlias* Parser::cachedAlias(std::string_view word) {
+    for (const auto& [name, alias] : aliases_)
+        if (name == word) return &alias;
+    auto alias = aliasFromName(word);
+    if (!alias) return nullptr;
+    return &aliases_.emplace_back(std::string(word), std::move(*alias)).second;
 }
 
 bool Parser::parseTop() {
@@ -1019,11 +1053,11 @@ bool Parser::parseDecl(std::string_view word, Decl& decl) {
         }
         return parseDims(decl);
     }
-    if (auto alias = aliasFromName(word)) {
+    if (const TypeAlias* alias = cachedAlias(word)) {
         decl.kind = Decl::General;
         decl.dtype = alias->dtype;
-        decl.shape = std::move(alias->shape);
-        decl.typeName = std::string(word);
+        decl.shape.assign(alias->shape.begin(), alias->shape.end());
+        decl.typeName.assign(word);
         return true;
     }
     decl.kind = Decl::Untyped;
@@ -1072,7 +1106,14 @@ bool Parser::nameTail(std::string& name, bool samplesWord, bool& samples) {
 
 bool Parser::parseProperty(Current& c) {
     const Token first = lex_.next();
-    Decl decl;
+    // The scratch declaration keeps its shape's storage from one property to the next.
+    Decl& decl = decl_;
+    decl.kind = Decl::Untyped;
+    decl.type = Type::Float;
+    decl.dtype = DType::Float32;
+    decl.shape.clear();
+    decl.dynamic = false;
+    decl.typeName.clear();
     if (!parseDecl(first.text, decl)) return false;
 
     std::string name;
@@ -1152,10 +1193,13 @@ bool Parser::zeroValue(const Decl& decl, Value& out) {
         }
         return false;
     }
-    out = Value();
     out.dtype = decl.dtype;
     out.data.clear();
-    out.shape = decl.dynamic ? std::vector<std::uint32_t>{0} : decl.shape;
+    out.strings.clear();
+    if (decl.dynamic)
+        out.shape.assign({0});
+    else
+        out.shape = decl.shape;
     const std::size_t n = out.count();
     if (!takeUnbacked(n)) return false;
     if (decl.dtype == DType::Str)
@@ -1169,7 +1213,7 @@ bool Parser::parseSamples(Current& c, const Decl& decl, const std::string& name)
     if (!lex_.expect(Tok::LBrace)) return false;
     std::optional<Value> zero;
     if (!current(c).properties.count(name)) {
-        zero.emplace();
+        zero.emplace(hollowValue());
         if (!zeroValue(decl, *zero)) return false;
     }
 
@@ -1180,7 +1224,7 @@ bool Parser::parseSamples(Current& c, const Decl& decl, const std::string& name)
             lex_.next();
             break;
         }
-        KeyStatement key;
+        KeyStatement key(hollowValue());
         if (!parseKeyframe(decl, key)) return false;
         if (!keys.empty() && !(keys.back().time < key.time)) sorted = false;
         keys.push_back(std::move(key));
@@ -1208,8 +1252,9 @@ bool Parser::parseSamples(Current& c, const Decl& decl, const std::string& name)
     for (std::size_t i = 0; i < keys.size();) {
         const double t = keys[i].time;
         while (o < old.size() && old[o].time < t) merged.push_back(std::move(old[o++]));
-        Keyframe k;
-        if (o < old.size() && old[o].time == t) k = std::move(old[o++]);
+        Keyframe k = o < old.size() && old[o].time == t
+                         ? std::move(old[o++])
+                         : Keyframe{t, hollowValue(), Interp::Linear, HandleType::Auto, {}, {}};
         k.time = t;
         for (; i < keys.size() && keys[i].time == t; ++i) {
             KeyStatement& s = keys[i];
@@ -1337,68 +1382,54 @@ bool Parser::parseNumbers(std::size_t exact, Tok close, bool trailingComma) {
     }
 }
 
-template <std::size_t N>
-bool Parser::parseTuple(std::array<float, N>& out) {
-    if (!lex_.expect(Tok::LParen) || !parseNumbers(N, Tok::RParen, true)) return false;
-    for (std::size_t i = 0; i < N; ++i) out[i] = static_cast<float>(numbers_[i]);
-    return true;
-}
-
 bool Parser::parseTypedValue(Type type, Value& out) {
     switch (type) {
         case Type::Float: {
             double d = 0;
             if (!parseNumber(d)) return false;
-            out = Value(static_cast<float>(d));
+            setFloats(out, {}, &d, 1);
             return true;
         }
         case Type::Int: {
             Token t;
             if (!lex_.expect(Tok::Number, &t)) return false;
-            out = Value(toInt(t.text));
+            setNumeric(out, DType::Int64, {}, 0);
+            append(out.data, toInt(t.text));
             return true;
         }
         case Type::Bool: {
             Token t;
             if (!lex_.expect(Tok::Ident, &t) || (t.text != "true" && t.text != "false")) return false;
-            out = Value(t.text == "true");
+            setNumeric(out, DType::Bool, {}, 0);
+            out.data.push_back(t.text == "true" ? 1 : 0);
             return true;
         }
-        case Type::Float2: {
-            std::array<float, 2> a;
-            if (!parseTuple(a)) return false;
-            out = Value(a);
+        case Type::Float2:
+            if (!lex_.expect(Tok::LParen) || !parseNumbers(2, Tok::RParen, true)) return false;
+            setFloats(out, {2}, numbers_.data(), 2);
             return true;
-        }
-        case Type::Float3: {
-            std::array<float, 3> a;
-            if (!parseTuple(a)) return false;
-            out = Value(a);
+        case Type::Float3:
+            if (!lex_.expect(Tok::LParen) || !parseNumbers(3, Tok::RParen, true)) return false;
+            setFloats(out, {3}, numbers_.data(), 3);
             return true;
-        }
-        case Type::Matrix: {
-            std::array<float, 6> a;
-            if (!parseTuple(a)) return false;
-            out = Value(a);
+        case Type::Matrix:
+            if (!lex_.expect(Tok::LParen) || !parseNumbers(6, Tok::RParen, true)) return false;
+            setFloats(out, {2, 3}, numbers_.data(), 6);
             return true;
-        }
-        case Type::Spectrum: {
+        case Type::Spectrum:
             if (!lex_.expect(Tok::LBracket) || !parseNumbers(32, Tok::RBracket, true)) return false;
-            std::array<float, 32> a;
-            for (std::size_t i = 0; i < 32; ++i) a[i] = static_cast<float>(numbers_[i]);
-            out = Value(a);
+            setFloats(out, {32}, numbers_.data(), 32);
             return true;
-        }
         case Type::Float2Array: {
             if (!lex_.expect(Tok::LBracket)) return false;
-            std::vector<std::array<float, 2>> pairs;
+            std::vector<double>& pairs = pairNumbers_;  // parseNumbers reuses numbers_ per pair
+            pairs.clear();
             if (lex_.peek().kind == Tok::RBracket) {
                 lex_.next();
             } else {
                 for (;;) {
-                    std::array<float, 2> a;
-                    if (!parseTuple(a)) return false;
-                    pairs.push_back(a);
+                    if (!lex_.expect(Tok::LParen) || !parseNumbers(2, Tok::RParen, true)) return false;
+                    pairs.insert(pairs.end(), numbers_.begin(), numbers_.end());
                     const Token t = lex_.next();
                     if (t.kind == Tok::RBracket) break;
                     if (t.kind != Tok::Comma) return false;
@@ -1408,19 +1439,19 @@ bool Parser::parseTypedValue(Type type, Value& out) {
                     }
                 }
             }
-            out = Value(pairs);
+            setFloats(out, {static_cast<std::uint32_t>(pairs.size() / 2), 2}, pairs.data(), pairs.size());
             return true;
         }
         case Type::IntArray: {
             if (!lex_.expect(Tok::LBracket)) return false;
-            std::vector<std::int64_t> ints;
+            out.data.clear();
             if (lex_.peek().kind == Tok::RBracket) {
                 lex_.next();
             } else {
                 for (;;) {
                     Token t;
                     if (!lex_.expect(Tok::Number, &t)) return false;
-                    ints.push_back(toInt(t.text));
+                    append(out.data, toInt(t.text));
                     t = lex_.next();
                     if (t.kind == Tok::RBracket) break;
                     if (t.kind != Tok::Comma) return false;
@@ -1430,7 +1461,10 @@ bool Parser::parseTypedValue(Type type, Value& out) {
                     }
                 }
             }
-            out = Value(ints);
+            const std::size_t n = out.data.size() / sizeof(std::int64_t);
+            out.dtype = DType::Int64;
+            out.shape.assign({static_cast<std::uint32_t>(n)});
+            out.strings.clear();
             return true;
         }
         case Type::FloatArray: {
@@ -1442,9 +1476,7 @@ bool Parser::parseTypedValue(Type type, Value& out) {
             } else if (open.kind != Tok::LBracket || !parseNumbers(0, Tok::RBracket, true)) {
                 return false;
             }
-            std::vector<float> floats(numbers_.size());
-            for (std::size_t i = 0; i < numbers_.size(); ++i) floats[i] = static_cast<float>(numbers_[i]);
-            out = Value(floats);
+            setFloats(out, {static_cast<std::uint32_t>(numbers_.size())}, numbers_.data(), numbers_.size());
             return true;
         }
         case Type::General: break;
@@ -1547,7 +1579,11 @@ bool Parser::parseGeneralValue(DType dtype, const std::vector<std::uint32_t>& sh
 bool Parser::parseNumNested(DType dtype, const std::vector<std::uint32_t>& shape, Value& out) {
     const std::size_t rank = shape.size();
     if (dtype != DType::Str) out.data.reserve(out.count() * dtypeWidth(dtype));
-    std::vector<std::uint32_t> done(rank, 0);
+    // Items done so far in each open dimension; ranks up to eight need no allocation.
+    std::array<std::uint32_t, 8> fixed{};
+    std::vector<std::uint32_t> more;
+    if (rank > fixed.size()) more.assign(rank, 0);
+    std::uint32_t* const done = rank > fixed.size() ? more.data() : fixed.data();
     std::size_t dim = 0;
     for (;;) {
         if (done[dim] == shape[dim]) {
