@@ -85,6 +85,14 @@ const std::string& documentText() {
     return text;
 }
 
+#ifdef OSTREVIK_HAVE_GEN
+// The same document as an uncompressed crate payload: what every compressed crate save compresses.
+const std::string& cratePayload() {
+    static const std::string payload = ostrevik::serializeBinary(ostrevik::bench::generateDocument(100000, kSeed), false);
+    return payload;
+}
+#endif
+
 const std::string& oneByte() {
     static const std::string s(kPathologicalSize, 'x');
     return s;
@@ -136,6 +144,9 @@ void decompressBench(benchmark::State& state) {
 
 BENCHMARK(compressBench<documentText>)->Name("compress/text")->Unit(benchmark::kMillisecond);
 BENCHMARK(decompressBench<documentText>)->Name("decompress/text")->Unit(benchmark::kMillisecond);
+#ifdef OSTREVIK_HAVE_GEN
+BENCHMARK(compressBench<cratePayload>)->Name("compress/crate_payload")->Unit(benchmark::kMillisecond);
+#endif
 BENCHMARK(compressBench<oneByte>)->Name("compress/one_byte")->Unit(benchmark::kMillisecond);
 BENCHMARK(decompressBench<oneByte>)->Name("decompress/one_byte")->Unit(benchmark::kMillisecond);
 BENCHMARK(compressBench<fourBytePattern>)->Name("compress/four_byte_pattern")->Unit(benchmark::kMillisecond);

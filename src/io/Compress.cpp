@@ -31,9 +31,11 @@ constexpr std::size_t kTypicalRatio = 8;
 // saturating add does for all lanes at once.
 using Links = std::uint16_t __attribute__((vector_size(16)));
 constexpr int kLinks = 8;
-// How far ahead the head slot of an upcoming position is prefetched, and the hashes kept until then.
+// How far ahead the head slot of an upcoming position is prefetched, the hashes kept until then,
+// and how far ahead of a search the ring slot of its chain head is.
 constexpr std::size_t kAhead = 16;
 constexpr std::size_t kAheadRing = 32;
+constexpr std::size_t kSlotAhead = 4;
 
 // The most one group can produce and the bytes it takes: a flag byte and 8 matches.
 constexpr std::size_t kGroupMaxOut = 8 * kMaxMatch;
@@ -99,13 +101,17 @@ inline Links chainLinks(Links before, std::size_t d1) {
     return addSaturated(shifted, addSaturated(splat(static_cast<std::uint16_t>(d1 - 1)), step));
 }
 
-// How many leading lanes of `l` are below `bound`; the lanes below it always form a prefix.
-inline int lanesBelow(Links l, std::uint16_t bound) {
-    const Links below = reinterpret_cast<Links>(l < splat(bound));
+// How many leading lanes of a compare result are set; the set lanes always form a prefix.
+inline int lanesSet(Links set) {
+#if defined(__SSE2__)
+    const unsigned bits = static_cast<unsigned>(_mm_movemask_epi8(reinterpret_cast<__m128i>(set)));
+    return std::countr_zero(~bits) / 2;
+#else
     std::uint64_t half[2];
-    std::memcpy(half, &below, sizeof half);
+    std::memcpy(half, &set, sizeof half);
     const int lo = std::countr_zero(~half[0]);
     return (lo < 64 ? lo : 64 + std::countr_zero(~half[1])) / 16;
+#endif
 }
 
 void putU64(unsigned char* p, std::uint64_t v) {
@@ -222,7 +228,9 @@ private:
     std::size_t encode(std::size_t i, std::size_t end) {
         // Every position below hashEnd_ passes through `next` once, in order; it hashes the one
         // kAhead further and asks for its head slot, which is read at random, so that the slot
-        // has arrived by the time that position is searched or inserted.
+        // has arrived by the time that position is searched or inserted. Hashing ahead also keeps
+        // the hash off the path from one insert to the next, which a run of one byte makes a
+        // chain through memory.
         std::uint32_t upcoming[kAheadRing];
         for (std::size_t p = i; p < std::min(i + kAhead, hashEnd_); ++p) upcoming[p % kAheadRing] = hashAt(in_ + p);
         auto next = [&](std::size_t p) {
@@ -235,6 +243,10 @@ private:
             return upcoming[p % kAheadRing];
         };
         while (i < end) {
+            // A search also reads the ring slot of its chain head at random: ask for it
+            // kSlotAhead positions ahead, from a head slot that has arrived by then.
+            if (i + kAhead < hashEnd_)
+                __builtin_prefetch(&ring_[static_cast<std::uint32_t>(head_[upcoming[(i + kSlotAhead) % kAheadRing]]) & ringMask_]);
             const std::uint32_t h = next(i);
             const std::int32_t first = head_[h];
             const Match m = search<Wide>(i, first);
@@ -257,9 +269,9 @@ private:
 
     // `old` is the head of p's chain before p joins it.
     void insert(std::size_t p, std::uint32_t h, std::int32_t old) {
-        const std::size_t d1 = static_cast<std::size_t>(static_cast<std::int64_t>(p) - old);
+        const std::size_t d = static_cast<std::size_t>(static_cast<std::int64_t>(p) - old);
         const Links before = ring_[static_cast<std::uint32_t>(old) & ringMask_];
-        ring_[p & ringMask_] = chainLinks(before, std::min(d1, kWindow));
+        ring_[p & ringMask_] = chainLinks(before, d < kWindow ? d : kWindow);
         head_[h] = static_cast<std::int32_t>(static_cast<std::uint32_t>(p));
     }
 
@@ -277,32 +289,18 @@ private:
         const unsigned char* const cur = in_ + i;
         // A candidate wins only if it agrees on bytes 0..best. One 8-byte compare that ends at
         // byte `best` (or covers bytes 0..best) rules out nearly every one that doesn't, so the
-        // walk branches on a new best, not on every near miss; what passes is counted in full.
-        // Near the end of the input, every candidate is counted in full.
+        // branch on it is rarely taken; what passes is counted in full. Near the end of the
+        // input, every candidate is counted in full.
         std::uint64_t mask = 0xFFFFFFFF;
         std::size_t tailAt = 0;
         // The bytes compared, kept in a register: read through char pointers, they would
         // otherwise be reloaded after every store.
         std::uint64_t curTail = Wide ? load64(cur) : 0;
-        // Bit k set: candidate k, of the first `count` from `from` on, may beat the best.
-        auto promising = [&](const std::int64_t* at, unsigned from, unsigned count) {
-            if (!Wide) return (0xFFu << from) & ((1u << count) - 1);
-            unsigned bits = 0;
-            if (count == kLinks) {
-                // A full slot, the usual case in a long chain: a loop of fixed length.
-                for (unsigned k = 0; k < kLinks; ++k)
-                    bits |= static_cast<unsigned>(((load64(in_ + at[k] + tailAt) ^ curTail) & mask) == 0) << k;
-                return bits & (0xFFu << from);
-            }
-            for (unsigned k = from; k < count; ++k)
-                bits |= static_cast<unsigned>(((load64(in_ + at[k] + tailAt) ^ curTail) & mask) == 0) << k;
-            return bits;
-        };
         // Takes candidate `at` if it is longer than the best; false once nothing can beat it.
-        auto consider = [&](std::int64_t at) {
-            const std::size_t len = matchLength(in_ + at, cur, limit);
+        auto consider = [&](const unsigned char* at) {
+            const std::size_t len = matchLength(at, cur, limit);
             if (len <= best.length) return true;
-            best = {len, i - static_cast<std::size_t>(at)};
+            best = {len, static_cast<std::size_t>(cur - at)};
             if (len == limit) return false;
             if (Wide) {
                 mask = len >= 7 ? ~std::uint64_t(0) : (std::uint64_t(1) << (8 * (len + 1))) - 1;
@@ -313,29 +311,38 @@ private:
         };
         // The nearest candidate alone first: on repetitive input it often settles the search,
         // and otherwise the best it sets sharpens the test of the rest.
-        if ((!Wide || ((load64(in_ + first) ^ curTail) & mask) == 0) && !consider(first)) return best;
+        if ((!Wide || ((load64(in_ + first) ^ curTail) & mask) == 0) && !consider(in_ + first)) return best;
         std::int64_t cand = first;
-        unsigned from = 1;
+        unsigned skip = 1;  // lane 0 of the first slot, the candidate just counted
         // Each slot of links yields kLinks candidates, the last of them carrying the walk on, so
         // the candidate limit is a whole number of slots.
-        for (std::size_t slot = 0; slot < kMaxCandidates / kLinks; ++slot, from = 0) {
+        for (std::size_t slot = 0; slot < kMaxCandidates / kLinks; ++slot, skip = 0) {
             const Links l = ring_[static_cast<std::size_t>(cand) & ringMask_];
-            // The links that stay inside the window; the candidates past them stand in for the
-            // slot's own one, and are then ignored.
-            const int linked = lanesBelow(l, static_cast<std::uint16_t>(cand - low));
-            std::int64_t at[kLinks];
-            at[0] = cand;
-            for (int k = 1; k < kLinks; ++k) at[k] = k <= linked ? cand - 1 - l[k - 1] : cand;
+            // The links that stay inside the window, always a prefix; the lanes past them are
+            // turned into offset 0, the slot's own candidate, and then ignored.
+            const Links inside = reinterpret_cast<Links>(l < splat(static_cast<std::uint16_t>(cand - low)));
+            // Lane k: how far candidate k lies behind the slot's own, lane 0 being that one.
+            const Links back = __builtin_shufflevector((l + splat(1)) & inside, Links{}, 8, 0, 1, 2, 3, 4, 5, 6);
+            const int linked = lanesSet(inside);
+            const unsigned char* const here = in_ + cand;
             const std::int64_t next = cand - 1 - l[kLinks - 1];
-            if (linked == kLinks) __builtin_prefetch(&ring_[static_cast<std::size_t>(next) & ringMask_]);
-            const unsigned count = std::min(linked + 1, kLinks);
-            unsigned pass = promising(at, from, count);
-            while (pass != 0) {
-                const unsigned k = std::countr_zero(pass);
-                const std::size_t before = best.length;
-                if (!consider(at[k])) return best;
-                pass &= pass - 1;
-                if (Wide && best.length != before) pass = promising(at, k + 1, count);
+            // Asked for even at the end of the chain: a branch here would often be mispredicted,
+            // and a needless prefetch costs little.
+            __builtin_prefetch(&ring_[static_cast<std::size_t>(next) & ringMask_]);
+            if (Wide) {
+                // One test and one branch per lane, unrolled, against the best so far: the loads
+                // are independent and the branches are rarely taken, so the walk runs ahead of
+                // the tests. The lanes past the window repeat the slot's own candidate, tested
+                // just before, and in the first slot lane 0 is the first candidate again; none
+                // of them can change the best.
+#pragma GCC unroll 8
+                for (int k = 0; k < kLinks; ++k) {
+                    const unsigned char* const at = here - back[k];
+                    if (((load64(at + tailAt) ^ curTail) & mask) == 0 && !consider(at)) return best;
+                }
+            } else {
+                for (int k = static_cast<int>(skip); k <= std::min(linked, kLinks - 1); ++k)
+                    if (!consider(here - back[k])) return best;
             }
             if (linked < kLinks) break;
             cand = next;

@@ -1,8 +1,11 @@
 #include <ostrevik/io.h>
 
+#include "support/reference_compress.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -54,55 +57,6 @@ std::vector<Token> tokens(const std::string& stream) {
     return out;
 }
 
-// The encoder written plainly, without any of the shortcuts of the real one.
-std::string referenceCompress(const std::string& s) {
-    const std::size_t n = s.size();
-    std::string out = sizeField(n);
-    std::vector<std::int32_t> head(65536, -1), prev(n, -1);
-    auto at = [&](std::size_t p) { return static_cast<unsigned char>(s[p]); };
-    auto hash = [&](std::size_t p) {
-        std::uint32_t v = at(p) | at(p + 1) << 8 | at(p + 2) << 16 | static_cast<std::uint32_t>(at(p + 3)) << 24;
-        return (v * 0x9E3779B1u) >> 16;
-    };
-    auto insert = [&](std::size_t p) {
-        if (n - p < 4) return;
-        prev[p] = head[hash(p)];
-        head[hash(p)] = static_cast<std::int32_t>(p);
-    };
-    std::size_t flagAt = 0;
-    int count = 8;
-    auto open = [&] {
-        if (count == 8) { flagAt = out.size(); out.push_back(0); count = 0; }
-    };
-    for (std::size_t i = 0; i < n;) {
-        std::size_t best = 0, dist = 0;
-        if (n - i >= 4) {
-            std::size_t limit = std::min<std::size_t>(n - i, 259);
-            long long low = static_cast<long long>(std::max<std::size_t>(i, 65536) - 65536);
-            long long c = head[hash(i)];
-            for (int tried = 0; c != -1 && c >= low && tried < 64; ++tried, c = prev[c]) {
-                std::size_t len = 0;
-                while (len < limit && s[c + len] == s[i + len]) ++len;
-                if (len > best) { best = len; dist = i - c; }
-                if (len == limit) break;
-            }
-        }
-        open();
-        if (best >= 4) {
-            out[flagAt] = static_cast<char>(out[flagAt] | 1 << count);
-            out += bytes({static_cast<int>((dist - 1) & 0xFF), static_cast<int>((dist - 1) >> 8), static_cast<int>(best - 4)});
-            for (std::size_t j = i; j < i + best; ++j) insert(j);
-            i += best;
-        } else {
-            out.push_back(s[i]);
-            insert(i);
-            ++i;
-        }
-        ++count;
-    }
-    return out;
-}
-
 std::string randomBytes(std::mt19937& rng, std::size_t n, int alphabet) {
     std::string s(n, '\0');
     for (auto& c : s) c = static_cast<char>(rng() % alphabet);
@@ -111,7 +65,7 @@ std::string randomBytes(std::mt19937& rng, std::size_t n, int alphabet) {
 
 void expectRoundTrip(const std::string& data) {
     std::string stream = compress(data);
-    ASSERT_EQ(stream, referenceCompress(data)) << "size " << data.size();
+    ASSERT_EQ(stream, reference::compress(data)) << "size " << data.size();
     std::optional<std::string> back = decompress(stream);
     ASSERT_TRUE(back.has_value()) << "size " << data.size();
     ASSERT_EQ(*back, data);
@@ -202,6 +156,48 @@ TEST(Compress, RoundTripsAgainstPlainEncoder) {
         while (text.size() < n) text += words[rng() % 8];
         text.resize(n);
         expectRoundTrip(text);
+    }
+}
+
+TEST(Compress, MatchesPlainEncoderOnDocumentText) {
+    // Text in the style of a written document: nested blocks, numbers and names, whose chains
+    // often hold more than 64 candidates in the window.
+    std::mt19937 rng(11);
+    static const char* types[] = {"group", "mesh", "light", "camera", "material", "xform"};
+    static const char* props[] = {"opacity", "intensity", "radius", "exposure", "roughness", "width"};
+    std::string text = "#zeltha 4.0\n";
+    char buf[160];
+    for (std::size_t e = 0; text.size() < 400000; ++e) {
+        std::snprintf(buf, sizeof buf, "def %s \"node%zu\" {\n", types[rng() % 6], e);
+        text += buf;
+        for (unsigned k = 0, count = 2 + rng() % 5; k < count; ++k) {
+            if (rng() % 2)
+                std::snprintf(buf, sizeof buf, "    float %s = %.6g\n", props[rng() % 6], (rng() % 100000) / 997.0);
+            else
+                std::snprintf(buf, sizeof buf, "    connect %s = </node%zu.out>\n", props[rng() % 6],
+                              static_cast<std::size_t>(rng() % (e + 1)));
+            text += buf;
+        }
+        text += "    def \"child\" {\n        string note = \"generated\"\n    }\n}\n\n";
+    }
+    expectRoundTrip(text);
+}
+
+TEST(Compress, MatchesPlainEncoderNearTheEnd) {
+    // The last 258 positions take the careful path, where a full-length match no longer fits:
+    // matches that start on either side of that edge, and ones cut short by the end.
+    std::mt19937 rng(5);
+    const std::string block = randomBytes(rng, 300, 256);
+    // Short words give long chains there too.
+    std::string words;
+    while (words.size() < 620) words += std::string("ab cd ") + static_cast<char>('a' + rng() % 3) + " ";
+    for (std::size_t n = 540; n <= 620; ++n) {
+        std::string data = block + block;
+        data.resize(n);
+        expectRoundTrip(data);
+        data[n - 130] = static_cast<char>(data[n - 130] ^ 1);
+        expectRoundTrip(data);
+        expectRoundTrip(words.substr(0, n));
     }
 }
 
