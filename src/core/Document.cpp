@@ -152,32 +152,49 @@ std::uint64_t settleId(Document::Rep& rep, Element& e) {
     return e.id;
 }
 
-// Enters the element at `i` into the three indexes, hashing its path once: the parent's hash
-// is the path's hash on the way.
-void indexAt(Document::Rep& rep, std::size_t i) {
+// The hashes that index a path: its parent's, under which it is listed as a child (unused for
+// the root path), and its own.
+struct PathHashes {
+    std::uint64_t parent = kPathSeed;
+    std::uint64_t own = kPathSeed;
+};
+
+PathHashes hashesOf(const Path& path) {
+    PathHashes h;
+    const std::vector<std::string>& segments = path.segments;
+    if (!segments.empty()) {
+        for (std::size_t k = 0; k + 1 < segments.size(); ++k) h.parent = hashSegment(h.parent, segments[k]);
+        h.own = hashSegment(h.parent, segments.back());
+    }
+    h.own = hashProperty(h.own, path.property);
+    return h;
+}
+
+// Enters the element at `i`, whose path has the hashes `h`, into the three indexes.
+void indexAt(Document::Rep& rep, std::size_t i, const PathHashes& h) {
     Element& e = rep.elements[i];
     const std::vector<std::string>& segments = e.path.segments;
-    std::uint64_t h = kPathSeed;
     if (!segments.empty()) {
-        for (std::size_t k = 0; k + 1 < segments.size(); ++k) h = hashSegment(h, segments[k]);
         auto sameParent = [&](std::size_t list) {
             const auto& other = rep.elements[rep.childLists[list].front()].path.segments;
             return other.size() == segments.size() &&
                    std::equal(segments.begin(), segments.end() - 1, other.begin());
         };
-        if (std::size_t at = findIn(rep.childIndex, h, sameParent)) {
+        if (std::size_t at = findIn(rep.childIndex, h.parent, sameParent)) {
             rep.childLists[at - 1].push_back(i);
         } else {
             std::vector<std::size_t>& list = rep.childLists.emplace_back();
             list.reserve(4);  // most parents have a few children: spares the first regrowths
             list.push_back(i);
-            insertNew(rep.childIndex, h, rep.childLists.size() - 1);
+            insertNew(rep.childIndex, h.parent, rep.childLists.size() - 1);
         }
-        h = hashSegment(h, segments.back());
     }
-    h = hashProperty(h, e.path.property);
-    insertOrAssign(rep.byPath, h, i, [&](std::size_t j) { return rep.elements[j].path == e.path; });
+    insertOrAssign(rep.byPath, h.own, i, [&](std::size_t j) { return rep.elements[j].path == e.path; });
     insertNew(rep.byId, settleId(rep, e), i);
+}
+
+void prefetchSlot(const Index& index, std::uint64_t hash) {
+    if (!index.slots.empty()) __builtin_prefetch(&index.slots[bucketOf(index, hash)]);
 }
 
 }  // namespace
@@ -200,11 +217,28 @@ void Document::reindex(Rep& rep) {
     clearIndex(rep.childIndex, n / 4);  // a guess: parents are fewer than their children
     clearIndex(rep.byId, n);
     rep.childLists.clear();
-    for (std::size_t i = 0; i < n; ++i) indexAt(rep, i);
+    // The tables are read at random, a cache miss per entry: the paths are hashed first, so that
+    // the slots of an element some places ahead are on their way while one is entered. Fresh
+    // ids are handed out in order, so the id slot to ask for is a guess that is usually right.
+    constexpr std::size_t kAhead = 8;
+    std::vector<PathHashes> hashes(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + 2 * kAhead < n) __builtin_prefetch(rep.elements[i + 2 * kAhead].path.segments.data());
+        hashes[i] = hashesOf(rep.elements[i].path);
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i + kAhead < n) {
+            prefetchSlot(rep.childIndex, hashes[i + kAhead].parent);
+            prefetchSlot(rep.byPath, hashes[i + kAhead].own);
+            const std::uint64_t id = rep.elements[i + kAhead].id;
+            prefetchSlot(rep.byId, id != 0 ? id : rep.nextId + kAhead);
+        }
+        indexAt(rep, i, hashes[i]);
+    }
 }
 
 void Document::indexLast(Rep& rep) {
-    if (!rep.elements.empty()) indexAt(rep, rep.elements.size() - 1);
+    if (!rep.elements.empty()) indexAt(rep, rep.elements.size() - 1, hashesOf(rep.elements.back().path));
 }
 
 std::size_t Document::lookup(const Rep& rep, const Path& path, bool elementOnly) {
