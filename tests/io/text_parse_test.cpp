@@ -1,6 +1,7 @@
 // The text parser: the header, every message with its position, the limits, the values it takes,
 // and round trips through the writer.
 #include <ostrevik/io.h>
+#include "support/example_text.h"
 
 #include <gtest/gtest.h>
 
@@ -258,9 +259,13 @@ TEST(TextParse, DoublesMatchTheCLibrary) {
         std::string t = next() % 2 ? "-" : "";
         const int digits = 1 + static_cast<int>(next() % 20);
         for (int d = 0; d < digits; ++d) t += static_cast<char>('0' + next() % 10);
-        if (next() % 2) t.insert(t.size() - next() % digits, ".");
-        if (next() % 3 == 0) t += "e" + std::to_string(static_cast<int>(next() % 60) - 30);
-        list += (i ? ", " : "") + t;
+        if (next() % 2) t.insert(t.end() - static_cast<std::ptrdiff_t>(next() % digits), '.');
+        if (next() % 3 == 0) {
+            t += 'e';
+            t += std::to_string(static_cast<int>(next() % 60) - 30);
+        }
+        if (i) list += ", ";
+        list += t;
         texts.push_back(t);
     }
     auto v = valueOf("float64[] v = [" + list + "]");
@@ -368,34 +373,9 @@ TEST(TextParse, WrittenTextIsAFixedPoint) {
     EXPECT_NE(once.find("left = [33333333300000, 0]"), std::string::npos) << once;
     EXPECT_EQ(serialize(*parseZelthaText(once, nullptr), 4), once);
 
-    expectFixedPoint(
-        "def group \"scene\" {\n"
-        "    float3 color = (1, 0.5, 0)\n"
-        "    float opacity = 1\n"
-        "    float opacity.timeSamples = {\n"
-        "        0: 0 (interp = held),\n"
-        "        1.5: 1,\n"
-        "        2: 0.25 (interp = bezier, handle = free, left = [0.5, 0], right = [0.25, 1]),\n"
-        "    }\n"
-        "    color3f tint = [1, 1, 1]\n"
-        "    reference \"lib/part.zeltha\" \"/part\"\n"
-        "    string note = \"line one\\nline two\"\n"
-        "    unset size\n"
-        "    unset string owner\n"
-        "    connect gain = </mixer.out>\n"
-        "    over light {\n"
-        "        int count = 3\n"
-        "    }\n"
-        "    def \"child\" {\n"
-        "    }\n"
-        "}\n"
-        "\n"
-        "def {\n"
-        "}\n"
-        "delete \"/old\"\n"
-        "disconnect \"/scene.x\"\n"
-        "connect </lights/*.intensity> = </scene.opacity>\n"
-        "reorder \"/scene\" = [ \"/scene/child\", \"/scene/[0]\" ]\n");
+    auto example = parseZelthaText(testsupport::kExampleText, nullptr);
+    ASSERT_TRUE(example);
+    EXPECT_EQ(serialize(*example, 4), testsupport::kExampleText);
 
     // Forms the writer produces for names and shapes outside everyday use.
     expectFixedPoint(
