@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <span>
 
 namespace ostrevik {
 
@@ -152,6 +153,13 @@ std::uint64_t settleId(Document::Rep& rep, Element& e) {
     return e.id;
 }
 
+// Whether the children listed in `list` stand directly under the element with these segments:
+// a list keeps no key of its own, so its first child's path tells.
+bool listsChildrenOf(const Document::Rep& rep, std::size_t list, std::span<const std::string> parent) {
+    const auto& child = rep.elements[rep.childLists[list].front()].path.segments;
+    return child.size() == parent.size() + 1 && std::equal(parent.begin(), parent.end(), child.begin());
+}
+
 // The hashes that index a path: its parent's, under which it is listed as a child (unused for
 // the root path), and its own.
 struct PathHashes {
@@ -175,11 +183,8 @@ void indexAt(Document::Rep& rep, std::size_t i, const PathHashes& h) {
     Element& e = rep.elements[i];
     const std::vector<std::string>& segments = e.path.segments;
     if (!segments.empty()) {
-        auto sameParent = [&](std::size_t list) {
-            const auto& other = rep.elements[rep.childLists[list].front()].path.segments;
-            return other.size() == segments.size() &&
-                   std::equal(segments.begin(), segments.end() - 1, other.begin());
-        };
+        const std::span<const std::string> parent(segments.data(), segments.size() - 1);
+        auto sameParent = [&](std::size_t list) { return listsChildrenOf(rep, list, parent); };
         if (std::size_t at = findIn(rep.childIndex, h.parent, sameParent)) {
             rep.childLists[at - 1].push_back(i);
         } else {
@@ -254,10 +259,8 @@ std::size_t Document::lookup(const Rep& rep, const Path& path, bool elementOnly)
 const std::vector<std::size_t>* Document::childList(const Rep& rep, const Path& parent) {
     if (parent.property) return nullptr;  // a parent is an element path
     const auto& segments = parent.segments;
-    const std::size_t at = findIn(rep.childIndex, hashSegments(segments), [&](std::size_t list) {
-        const auto& child = rep.elements[rep.childLists[list].front()].path.segments;
-        return child.size() == segments.size() + 1 && std::equal(segments.begin(), segments.end(), child.begin());
-    });
+    const std::size_t at = findIn(rep.childIndex, hashSegments(segments),
+                                  [&](std::size_t list) { return listsChildrenOf(rep, list, segments); });
     return at == 0 ? nullptr : &rep.childLists[at - 1];
 }
 

@@ -463,6 +463,16 @@ struct Decl {
     std::vector<std::uint32_t> shape;
     bool dynamic = false;
     std::string typeName;
+
+    // Back to a fresh declaration, keeping the storage of the shape and the type name.
+    void reset() {
+        kind = Untyped;
+        type = Type::Float;
+        dtype = DType::Float32;
+        shape.clear();
+        dynamic = false;
+        typeName.clear();
+    }
 };
 
 // A keyframe as read, before it joins the curve.
@@ -1108,12 +1118,7 @@ bool Parser::parseProperty(Current& c) {
     const Token first = lex_.next();
     // The scratch declaration keeps its shape's storage from one property to the next.
     Decl& decl = decl_;
-    decl.kind = Decl::Untyped;
-    decl.type = Type::Float;
-    decl.dtype = DType::Float32;
-    decl.shape.clear();
-    decl.dynamic = false;
-    decl.typeName.clear();
+    decl.reset();
     if (!parseDecl(first.text, decl)) return false;
 
     std::string name;
