@@ -178,24 +178,30 @@ PathHashes hashesOf(const Path& path) {
     return h;
 }
 
-// Enters the element at `i`, whose path has the hashes `h`, into the three indexes.
-void indexAt(Document::Rep& rep, std::size_t i, const PathHashes& h) {
+// The child list of the element path `parent`, whose hash is `hash`, created if there is none.
+std::size_t childListOf(Document::Rep& rep, std::span<const std::string> parent, std::uint64_t hash) {
+    auto sameParent = [&](std::size_t list) { return listsChildrenOf(rep, list, parent); };
+    if (std::size_t at = findIn(rep.childIndex, hash, sameParent)) return at - 1;
+    std::vector<std::size_t>& list = rep.childLists.emplace_back();
+    list.reserve(4);  // most parents have a few children: spares the first regrowths
+    insertNew(rep.childIndex, hash, rep.childLists.size() - 1);
+    return rep.childLists.size() - 1;
+}
+
+// Enters the element at `i`, whose path has the hashes `h` and whose child list is `list` (unused
+// for the root path), into the three indexes.
+void indexAt(Document::Rep& rep, std::size_t i, const PathHashes& h, std::size_t list) {
     Element& e = rep.elements[i];
-    const std::vector<std::string>& segments = e.path.segments;
-    if (!segments.empty()) {
-        const std::span<const std::string> parent(segments.data(), segments.size() - 1);
-        auto sameParent = [&](std::size_t list) { return listsChildrenOf(rep, list, parent); };
-        if (std::size_t at = findIn(rep.childIndex, h.parent, sameParent)) {
-            rep.childLists[at - 1].push_back(i);
-        } else {
-            std::vector<std::size_t>& list = rep.childLists.emplace_back();
-            list.reserve(4);  // most parents have a few children: spares the first regrowths
-            list.push_back(i);
-            insertNew(rep.childIndex, h.parent, rep.childLists.size() - 1);
-        }
-    }
+    if (!e.path.segments.empty()) rep.childLists[list].push_back(i);
     insertOrAssign(rep.byPath, h.own, i, [&](std::size_t j) { return rep.elements[j].path == e.path; });
     insertNew(rep.byId, settleId(rep, e), i);
+}
+
+void indexAt(Document::Rep& rep, std::size_t i, const PathHashes& h) {
+    const std::vector<std::string>& segments = rep.elements[i].path.segments;
+    std::size_t list = 0;
+    if (!segments.empty()) list = childListOf(rep, {segments.data(), segments.size() - 1}, h.parent);
+    indexAt(rep, i, h, list);
 }
 
 void prefetchSlot(const Index& index, std::uint64_t hash) {
@@ -226,19 +232,65 @@ void Document::reindex(Rep& rep) {
     // the slots of an element some places ahead are on their way while one is entered. Fresh
     // ids are handed out in order, so the id slot to ask for is a guess that is usually right.
     constexpr std::size_t kAhead = 8;
+    constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
     std::vector<PathHashes> hashes(n);
+    // Elements mostly stand in document order, a parent before its children: the latest element
+    // at each depth is then the parent of the next one a level deeper. Telling so while the
+    // paths are at hand for hashing spares most searches for a child list later. frames[d] is
+    // the latest element with d segments and the hash of those segments; frames[0] stands for
+    // the root path, element or not, at the position n.
+    struct Frame {
+        std::uint64_t hash;
+        std::size_t position;
+    };
+    std::vector<Frame> frames{Frame{kPathSeed, n}};
+    std::vector<std::size_t> parentOf(n, kNone);  // the position standing for the parent path
     for (std::size_t i = 0; i < n; ++i) {
         if (i + 2 * kAhead < n) __builtin_prefetch(rep.elements[i + 2 * kAhead].path.segments.data());
-        hashes[i] = hashesOf(rep.elements[i].path);
+        const Path& path = rep.elements[i].path;
+        hashes[i] = hashesOf(path);
+        const std::size_t depth = path.segments.size();
+        if (depth == 0) {
+            frames.resize(1);
+            continue;
+        }
+        if (depth == 1) {
+            parentOf[i] = n;
+        } else if (depth - 1 < frames.size()) {
+            const Frame& up = frames[depth - 1];
+            if (up.hash == hashes[i].parent &&
+                std::equal(path.segments.begin(), path.segments.end() - 1, rep.elements[up.position].path.segments.begin()))
+                parentOf[i] = up.position;
+        }
+        frames.resize(std::min(frames.size(), depth + 1));
+        const Frame own{path.property ? hashSegments(path.segments) : hashes[i].own, i};
+        if (depth < frames.size())
+            frames[depth] = own;
+        else if (depth == frames.size())
+            frames.push_back(own);
     }
+    frames = {};
+    // The child list of each position found standing for a parent, once known.
+    std::vector<std::size_t> listOf(n + 1, kNone);
     for (std::size_t i = 0; i < n; ++i) {
         if (i + kAhead < n) {
-            prefetchSlot(rep.childIndex, hashes[i + kAhead].parent);
+            if (parentOf[i + kAhead] == kNone) prefetchSlot(rep.childIndex, hashes[i + kAhead].parent);
             prefetchSlot(rep.byPath, hashes[i + kAhead].own);
             const std::uint64_t id = rep.elements[i + kAhead].id;
             prefetchSlot(rep.byId, id != 0 ? id : rep.nextId + kAhead);
         }
-        indexAt(rep, i, hashes[i]);
+        const std::vector<std::string>& segments = rep.elements[i].path.segments;
+        std::size_t list = 0;
+        if (!segments.empty()) {
+            const std::size_t up = parentOf[i];
+            if (up != kNone && listOf[up] != kNone) {
+                list = listOf[up];
+            } else {
+                list = childListOf(rep, {segments.data(), segments.size() - 1}, hashes[i].parent);
+                if (up != kNone) listOf[up] = list;
+            }
+        }
+        indexAt(rep, i, hashes[i], list);
     }
 }
 

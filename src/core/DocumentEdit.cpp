@@ -151,13 +151,12 @@ bool Document::connect(const Path& source, const Path& target) {
     Rep& rep = w();
     auto& connections = rep.connections;
     // Every wired target is in `incoming`, so a new target needs no scan for an old wire.
-    if (rep.incoming.count(target)) {
+    if (!rep.incoming.insert_or_assign(target, source).second) {
         connections.erase(std::remove_if(connections.begin(), connections.end(),
                                          [&](const Connection& c) { return c.target == target; }),
                           connections.end());
     }
     connections.push_back(Connection{source, target});
-    rep.incoming.insert_or_assign(target, source);
     return true;
 }
 

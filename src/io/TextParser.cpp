@@ -432,27 +432,60 @@ bool isPlainName(std::string_view s) {
     return true;
 }
 
+// Type words are matched by length first, so that each word meets few candidates: a property
+// statement begins with one.
 std::optional<DType> dtypeFromToken(std::string_view w) {
-    static constexpr std::pair<std::string_view, DType> kTokens[] = {
-        {"bool", DType::Bool},       {"char", DType::Char},       {"int8", DType::Int8},
-        {"int16", DType::Int16},     {"int32", DType::Int32},     {"int64", DType::Int64},
-        {"uint8", DType::UInt8},     {"uint16", DType::UInt16},   {"uint32", DType::UInt32},
-        {"uint64", DType::UInt64},   {"float32", DType::Float32}, {"float64", DType::Float64},
-        {"str", DType::Str},         {"float16", DType::Float16},
+    auto among = [&](std::initializer_list<std::pair<std::string_view, DType>> tokens) -> std::optional<DType> {
+        for (const auto& [token, d] : tokens)
+            if (token == w) return d;
+        return std::nullopt;
     };
-    for (const auto& [token, d] : kTokens)
-        if (token == w) return d;
-    return std::nullopt;
+    switch (w.size()) {
+        case 3: return among({{"str", DType::Str}});
+        case 4: return among({{"bool", DType::Bool}, {"char", DType::Char}, {"int8", DType::Int8}});
+        case 5:
+            return among({{"int16", DType::Int16}, {"int32", DType::Int32}, {"int64", DType::Int64}, {"uint8", DType::UInt8}});
+        case 6: return among({{"uint16", DType::UInt16}, {"uint32", DType::UInt32}, {"uint64", DType::UInt64}});
+        case 7:
+            return among({{"float32", DType::Float32}, {"float64", DType::Float64}, {"float16", DType::Float16}});
+        default: return std::nullopt;
+    }
 }
 
 std::optional<Type> simpleTypeFromToken(std::string_view w) {
-    static constexpr std::pair<std::string_view, Type> kTokens[] = {
-        {"float", Type::Float},   {"int", Type::Int},       {"bool", Type::Bool},         {"float2", Type::Float2},
-        {"float3", Type::Float3}, {"matrix", Type::Matrix}, {"spectrum", Type::Spectrum},
-    };
-    for (const auto& [token, t] : kTokens)
+    auto is = [&](std::string_view token, Type t) -> std::optional<Type> {
         if (token == w) return t;
-    return std::nullopt;
+        return std::nullopt;
+    };
+    switch (w.size()) {
+        case 3: return is("int", Type::Int);
+        case 4: return is("bool", Type::Bool);
+        case 5: return is("float", Type::Float);
+        case 6:
+            if (w[0] == 'm') return is("matrix", Type::Matrix);
+            return w[5] == '2' ? is("float2", Type::Float2) : is("float3", Type::Float3);
+        case 8: return is("spectrum", Type::Spectrum);
+        default: return std::nullopt;
+    }
+}
+
+// The words that open a statement in an element body other than a property.
+enum class Keyword { None, Def, Delete, Disconnect, Connect, Unset, Metadata, Reference };
+
+// Nearly every statement is a property, whose type word is none of these: the length alone
+// rules most of them out, so each word is compared with one keyword at most.
+Keyword bodyKeyword(std::string_view w) {
+    auto is = [&](Keyword k, std::string_view keyword) { return w == keyword ? k : Keyword::None; };
+    switch (w.size()) {
+        case 3: return is(Keyword::Def, "def");
+        case 4: return is(Keyword::Def, "over");
+        case 5: return is(Keyword::Unset, "unset");
+        case 6: return w[0] == 'd' ? is(Keyword::Delete, "delete") : is(Keyword::Metadata, "string");
+        case 7: return is(Keyword::Connect, "connect");
+        case 9: return is(Keyword::Reference, "reference");
+        case 10: return is(Keyword::Disconnect, "disconnect");
+        default: return Keyword::None;
+    }
 }
 
 // What the type token of a property statement declares.
@@ -681,15 +714,28 @@ bool Parser::finish() {
     // those to connect keeps the result and spares the replaced ones. A statement that connect
     // would refuse (a side without a property) replaces nothing.
     if (!pendingConnections_.empty()) {
-        std::unordered_map<Path, std::size_t> last;
-        last.reserve(pendingConnections_.size());
-        auto wires = [](const std::pair<Path, Path>& c) { return c.first.property && c.second.property; };
-        for (std::size_t i = 0; i < pendingConnections_.size(); ++i)
-            if (wires(pendingConnections_[i])) last.insert_or_assign(pendingConnections_[i].second, i);
-        for (std::size_t i = 0; i < pendingConnections_.size(); ++i) {
+        // Targets are told apart by a hash of their segments' own hashes, far cheaper than the
+        // byte by byte hash of a whole path.
+        struct TargetHash {
+            std::size_t operator()(const Path* p) const {
+                std::size_t h = p->segments.size();
+                for (const auto& s : p->segments) h = h * 0x9E3779B97F4A7C15ULL + std::hash<std::string>()(s);
+                return p->property ? h * 0x9E3779B97F4A7C15ULL + std::hash<std::string>()(*p->property) + 1 : h;
+            }
+        };
+        struct SamePath {
+            bool operator()(const Path* a, const Path* b) const { return *a == *b; }
+        };
+        const std::size_t n = pendingConnections_.size();
+        std::unordered_set<const Path*, TargetHash, SamePath> later;
+        later.reserve(n);
+        std::vector<char> last(n, 0);
+        for (std::size_t i = n; i-- > 0;) {
             const auto& [source, target] = pendingConnections_[i];
-            if (wires(pendingConnections_[i]) && last[target] == i) doc_->connect(source, target);
+            if (source.property && target.property && later.insert(&target).second) last[i] = 1;
         }
+        for (std::size_t i = 0; i < n; ++i)
+            if (last[i]) doc_->connect(pendingConnections_[i].first, pendingConnections_[i].second);
     }
     std::stable_sort(deletions_.begin(), deletions_.end());
     for (const auto& p : deletions_) doc_->addDeletion(p);
@@ -919,24 +965,16 @@ bool Parser::parseBody(const Path& path, std::size_t index) {
             return true;
         }
         if (t.kind != Tok::Ident) return false;
-        const std::string_view w = t.text;
         bool ok;
-        if (w == "def" || w == "over") {
-            ok = parseDef(path, children);
-        } else if (w == "delete") {
-            ok = parseDelete();
-        } else if (w == "disconnect") {
-            ok = parseDisconnect();
-        } else if (w == "connect") {
-            ok = parseConnect(path);
-        } else if (w == "unset") {
-            ok = parseUnset(c);
-        } else if (w == "string") {
-            ok = parseMetadata(c);
-        } else if (w == "reference") {
-            ok = parseReference(c);
-        } else {
-            ok = parseProperty(c);
+        switch (bodyKeyword(t.text)) {
+            case Keyword::Def: ok = parseDef(path, children); break;
+            case Keyword::Delete: ok = parseDelete(); break;
+            case Keyword::Disconnect: ok = parseDisconnect(); break;
+            case Keyword::Connect: ok = parseConnect(path); break;
+            case Keyword::Unset: ok = parseUnset(c); break;
+            case Keyword::Metadata: ok = parseMetadata(c); break;
+            case Keyword::Reference: ok = parseReference(c); break;
+            case Keyword::None: ok = parseProperty(c); break;
         }
         if (!ok) return false;
     }

@@ -79,6 +79,24 @@ TEST(Edit, InsertAllIndexesAsInsertWould) {
     EXPECT_TRUE(indexesConsistent(twice));
 }
 
+TEST(Edit, InsertAllFindsParentsInAnyOrder) {
+    // Document order, then what breaks it: a child before its parent, a parent's children
+    // split by a cousin's subtree, a depth skipped, a root element, a parent on its path twice.
+    const char* order[] = {"/a", "/a/b", "/a/b/c", "/a/d", "/x/y/z", "/e/f", "/e", "/a/b/g", "/e/h",
+                           "/",  "/k",   "/a",     "/a/m", "/a/b/c/q", "/a/b/c/r"};
+    std::vector<Element> batch;
+    for (const char* p : order) {
+        Element e;
+        e.path = Path(p);
+        batch.push_back(e);
+    }
+    Document d;
+    EXPECT_FALSE(d.insertAll(batch));  // "/a" twice
+    EXPECT_TRUE(indexesConsistent(d));
+    EXPECT_EQ(d.children(Path("/a")), (std::vector<Path>{Path("/a/b"), Path("/a/d"), Path("/a/m")}));
+    EXPECT_EQ(d.children(Path("/a/b")), (std::vector<Path>{Path("/a/b/c"), Path("/a/b/g")}));
+}
+
 TEST(Edit, AddChildTakesTheNextFreeNumber) {
     Document d = tree({"/p"});
     EXPECT_EQ(d.addChild(Path("/p"), "item"), Path("/p/[0]"));
