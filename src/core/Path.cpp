@@ -70,38 +70,31 @@ bool Path::isAnonymousSegment(std::string_view s) {
     return true;
 }
 
+// One walk over the text: a segment runs to the next slash or dot, and a dot may end the last
+// one with a property name.
 std::optional<Path> Path::parse(std::string_view text) {
     if (text.empty() || text.front() != '/') return std::nullopt;
     Path out;
     if (text.size() == 1) return out;
-    if (text.back() == '/') return std::nullopt;
-    out.segments.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '/')));
-
-    std::size_t pos = 1;
-    while (pos <= text.size()) {
-        std::size_t end = text.find('/', pos);
-        bool last = end == std::string_view::npos;
-        if (last) end = text.size();
-        std::string_view piece = text.substr(pos, end - pos);
-        if (piece.empty()) return std::nullopt;
-
-        std::size_t dot = piece.find('.');
-        if (dot == std::string_view::npos) {
-            if (!isValidSegment(piece)) return std::nullopt;
-            out.segments.emplace_back(piece);
-        } else {
-            if (!last) return std::nullopt;
-            std::string_view name = piece.substr(0, dot);
-            std::string_view prop = piece.substr(dot + 1);
-            // isPlainName refuses a further dot, so "/a.b.c" fails here.
-            if (!isPlainName(prop) || !isValidSegment(name)) return std::nullopt;
-            out.segments.emplace_back(name);
-            out.property.emplace(prop);
+    const char* p = text.data() + 1;
+    const char* const end = text.data() + text.size();
+    out.segments.reserve(static_cast<std::size_t>(std::count(p, end, '/')) + 1);
+    for (;;) {
+        const char* const start = p;
+        while (p < end && *p != '/' && *p != '.') ++p;
+        const std::string_view piece(start, static_cast<std::size_t>(p - start));
+        if (!isValidSegment(piece)) return std::nullopt;
+        out.segments.emplace_back(piece);
+        if (p == end) return out;
+        if (*p == '.') {
+            // isPlainName refuses a further dot or slash, so "/a.b.c" and "/a.b/c" fail here.
+            const std::string_view property(p + 1, static_cast<std::size_t>(end - p - 1));
+            if (!isPlainName(property)) return std::nullopt;
+            out.property.emplace(property);
+            return out;
         }
-        if (last) break;
-        pos = end + 1;
+        ++p;
     }
-    return out;
 }
 
 std::string Path::str() const {
