@@ -131,4 +131,11 @@ LOADS(1000000);
 SAVES(100000);
 SAVES(1000000);
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    ostrevik::bench::keepFreedMemory();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -111,4 +111,11 @@ BENCHMARK(textParse)->Arg(1000000)->Unit(benchmark::kMillisecond)->MinWarmUpTime
 BENCHMARK(textWrite)->Arg(100000)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(textWrite)->Arg(1000000)->Unit(benchmark::kMillisecond)->MinTime(2);
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    ostrevik::bench::keepFreedMemory();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -2,11 +2,16 @@
 #include "gen.h"
 
 #include <array>
+#include <climits>
 #include <cstring>
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 namespace ostrevik::bench {
 
@@ -245,6 +250,13 @@ const Document& cachedDocument(std::size_t elements, std::uint64_t seed) {
     auto it = cache.find(key);
     if (it == cache.end()) it = cache.emplace(key, generateDocument(elements, seed)).first;
     return it->second;
+}
+
+void keepFreedMemory() {
+#if defined(__GLIBC__)
+    mallopt(M_TRIM_THRESHOLD, INT_MAX);
+    mallopt(M_MMAP_THRESHOLD, INT_MAX);
+#endif
 }
 
 }  // namespace ostrevik::bench
