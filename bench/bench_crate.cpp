@@ -131,11 +131,7 @@ LOADS(1000000);
 SAVES(100000);
 SAVES(1000000);
 
-int main(int argc, char** argv) {
-    ostrevik::bench::keepFreedMemory();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+// Before any case runs: see keepFreedMemory.
+[[maybe_unused]] const bool kFreedMemoryKept = (ostrevik::bench::keepFreedMemory(), true);
+
+BENCHMARK_MAIN();

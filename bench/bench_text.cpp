@@ -111,11 +111,7 @@ BENCHMARK(textParse)->Arg(1000000)->Unit(benchmark::kMillisecond)->MinWarmUpTime
 BENCHMARK(textWrite)->Arg(100000)->Unit(benchmark::kMillisecond)->MinTime(2);
 BENCHMARK(textWrite)->Arg(1000000)->Unit(benchmark::kMillisecond)->MinTime(2);
 
-int main(int argc, char** argv) {
-    ostrevik::bench::keepFreedMemory();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+// Before any case runs: see keepFreedMemory.
+[[maybe_unused]] const bool kFreedMemoryKept = (ostrevik::bench::keepFreedMemory(), true);
+
+BENCHMARK_MAIN();
