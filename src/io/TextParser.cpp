@@ -453,20 +453,25 @@ std::optional<DType> dtypeFromToken(std::string_view w) {
 }
 
 std::optional<Type> simpleTypeFromToken(std::string_view w) {
-    auto is = [&](std::string_view token, Type t) -> std::optional<Type> {
-        if (token == w) return t;
-        return std::nullopt;
-    };
+    std::string_view token;
+    Type type = Type::General;
     switch (w.size()) {
-        case 3: return is("int", Type::Int);
-        case 4: return is("bool", Type::Bool);
-        case 5: return is("float", Type::Float);
+        case 3: token = "int", type = Type::Int; break;
+        case 4: token = "bool", type = Type::Bool; break;
+        case 5: token = "float", type = Type::Float; break;
         case 6:
-            if (w[0] == 'm') return is("matrix", Type::Matrix);
-            return w[5] == '2' ? is("float2", Type::Float2) : is("float3", Type::Float3);
-        case 8: return is("spectrum", Type::Spectrum);
+            if (w[0] == 'm')
+                token = "matrix", type = Type::Matrix;
+            else if (w[5] == '2')
+                token = "float2", type = Type::Float2;
+            else
+                token = "float3", type = Type::Float3;
+            break;
+        case 8: token = "spectrum", type = Type::Spectrum; break;
         default: return std::nullopt;
     }
+    if (w != token) return std::nullopt;
+    return type;
 }
 
 // The words that open a statement in an element body other than a property.
