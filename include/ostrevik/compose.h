@@ -26,4 +26,8 @@ std::optional<Document> compose(const Document& doc, const std::string& id, cons
 // Loads a file and composes it, resolving references relative to the referencing file.
 std::optional<Document> composeFile(const std::string& path);
 
+// As composeFile, but a reference leading outside the directory `root` (links resolved) cannot
+// be resolved, so it fails the composition. An empty `root` confines nothing.
+std::optional<Document> composeFileWithin(const std::string& path, const std::string& root);
+
 }  // namespace ostrevik

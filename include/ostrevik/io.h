@@ -31,6 +31,10 @@ Format detect(std::string_view bytes);
 // The one door for native bytes: picks the reader by content. `error` may be null.
 std::optional<Document> deserialize(std::string_view bytes, ParseError* error);
 
+// The whole content of a regular file. No value when it is missing or unreadable, and for
+// anything that is not a regular file (directory, FIFO, socket, device), which is never waited on.
+std::optional<std::string> readRegularFile(const std::string& path);
+
 // Replaces `path` atomically through `path + ".tmp"`; on failure the old content stays.
 bool writeFileDurably(const std::string& path, std::string_view bytes);
 

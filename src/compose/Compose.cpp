@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <unordered_set>
@@ -185,22 +183,26 @@ std::optional<Document> composeInto(State& state, const Document& doc, const std
     return result;
 }
 
-std::optional<std::string> readWhole(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) return std::nullopt;
-    return bytes;
+// `full` is `base` itself or lies below it; the byte test keeps "/r2" out of "/r".
+bool inside(const std::string& full, const std::string& base) {
+    return full == base || (full.size() > base.size() && full.compare(0, base.size(), base) == 0 &&
+                            full[base.size()] == '/');
 }
 
-std::optional<ResolvedDoc> resolveFile(const std::string& reference, const std::string& referencingId) {
-    std::error_code ec;
-    fs::path joined = fs::path(referencingId).parent_path() / reference;
-    fs::path canonical = fs::weakly_canonical(joined, ec);
-    std::string resolved = ec ? joined.string() : canonical.string();
-    auto bytes = readWhole(resolved);
-    if (!bytes) return std::nullopt;
-    return ResolvedDoc{std::move(resolved), std::move(*bytes)};
+// References relative to the referencing file; with a non-empty `base` (canonical), only files
+// inside it resolve.
+Resolver fileResolver(std::string base) {
+    return [base = std::move(base)](const std::string& reference,
+                                    const std::string& referencingId) -> std::optional<ResolvedDoc> {
+        std::error_code ec;
+        fs::path joined = fs::path(referencingId).parent_path() / reference;
+        fs::path canonical = fs::weakly_canonical(joined, ec);
+        std::string resolved = ec ? joined.string() : canonical.string();
+        if (!base.empty() && (ec || !inside(resolved, base))) return std::nullopt;
+        auto bytes = readRegularFile(resolved);
+        if (!bytes) return std::nullopt;
+        return ResolvedDoc{std::move(resolved), std::move(*bytes)};
+    };
 }
 
 }  // namespace
@@ -210,17 +212,26 @@ std::optional<Document> compose(const Document& doc, const std::string& id, cons
     return composeInto(state, doc, id);
 }
 
-std::optional<Document> composeFile(const std::string& path) {
-    auto bytes = readWhole(path);
+std::optional<Document> composeFile(const std::string& path) { return composeFileWithin(path, {}); }
+
+std::optional<Document> composeFileWithin(const std::string& path, const std::string& root) {
+    std::error_code ec;
+    std::string base;
+    if (!root.empty()) {
+        fs::path absRoot = fs::absolute(root, ec);
+        if (!ec) base = fs::weakly_canonical(absRoot, ec).string();
+        if (ec || base.empty()) return std::nullopt;
+    }
+    auto bytes = readRegularFile(path);
     if (!bytes) return std::nullopt;
     auto doc = deserialize(*bytes, nullptr);
     if (!doc) return std::nullopt;
-    std::error_code ec;
+    bytes.reset();
     fs::path absolute = fs::absolute(path, ec);
     if (ec) absolute = path;
     fs::path canonical = fs::weakly_canonical(absolute, ec);
     std::string id = ec ? absolute.string() : canonical.string();
-    return compose(*doc, id, resolveFile);
+    return compose(*doc, id, fileResolver(std::move(base)));
 }
 
 bool Document::loadComposed(const std::string& path) {

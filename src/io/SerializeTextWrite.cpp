@@ -24,7 +24,7 @@ namespace {
 // integers (in 64 bits where they fit) and only values outside that range go through the
 // library's general formatting.
 
-using U128 = unsigned __int128;
+__extension__ typedef unsigned __int128 U128;  // a compiler extension, on purpose
 
 constexpr std::uint64_t kPow10[20] = {
     1ull,

@@ -7,8 +7,6 @@
 #include <cctype>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 namespace zserver {
 
@@ -31,6 +29,9 @@ std::string elementCount(const ostrevik::Document& doc) { return std::to_string(
 }  // namespace
 
 std::optional<std::string> confine(const std::string& root, const std::string& path) {
+    // The system calls would end the path at a NUL byte and reach another file than the one
+    // checked here.
+    if (path.find('\0') != std::string::npos) return std::nullopt;
     if (root.empty()) return path;
     std::error_code ec;
     fs::path absRoot = fs::absolute(root, ec);
@@ -52,24 +53,7 @@ std::optional<std::string> confine(const std::string& root, const std::string& p
     return full;
 }
 
-std::optional<std::string> readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::string bytes;
-    in.seekg(0, std::ios::end);
-    auto size = in.tellg();
-    if (size > 0) {
-        bytes.resize(static_cast<std::size_t>(size));
-        in.seekg(0, std::ios::beg);
-        in.read(bytes.data(), size);
-        bytes.resize(static_cast<std::size_t>(in.gcount()));
-    } else {
-        in.clear();
-        in.seekg(0, std::ios::beg);
-        bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    return bytes;
-}
+std::optional<std::string> readFile(const std::string& path) { return ostrevik::readRegularFile(path); }
 
 std::string lowerExt(std::string_view path) {
     auto dot = path.rfind('.');
@@ -171,7 +155,8 @@ ToolResult toolCompose(Session& session, const Reader& reader, const Path& args)
     auto confined = confine(session.root, target);
     if (!confined) return {false, target + kEscapes};
     target = std::move(*confined);
-    auto doc = ostrevik::composeFile(target);
+    // Under a launch root, references are followed only to files inside it.
+    auto doc = ostrevik::composeFileWithin(target, session.root);
     if (!doc) return {false, "compose failed for " + target + " (cyclic or missing reference?)"};
     session.doc = std::move(*doc);
     session.path = target;

@@ -10,9 +10,9 @@
 namespace zserver {
 
 // Holds `path` inside the launch root `root` (unchanged when `root` is empty); no value when
-// it would lead out. Returns the canonical text.
+// it would lead out, and for any path holding a NUL byte. Returns the canonical text.
 std::optional<std::string> confine(const std::string& root, const std::string& path);
-// The whole file, or no value when it cannot be opened.
+// The whole file, or no value when it cannot be read or is no regular file.
 std::optional<std::string> readFile(const std::string& path);
 // The extension without the dot, lower-case; empty when there is none.
 std::string lowerExt(std::string_view path);

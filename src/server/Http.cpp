@@ -211,10 +211,10 @@ bool HttpServer::hostAllowed(std::string host) {
     return name == "127.0.0.1" || name == "localhost" || name == "::1";
 }
 
-bool HttpServer::start(int port, std::string token, Handler handler) {
+bool HttpServer::start(int requestedPort, std::string token, Handler onRequest) {
     if (token.empty()) return false;
     expectedAuth = "Bearer " + token;
-    this->handler = std::move(handler);
+    handler = std::move(onRequest);
 
     // Not inherited by child processes (the commit tool runs git).
     listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -224,7 +224,7 @@ bool HttpServer::start(int port, std::string token, Handler handler) {
 
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_port = htons(static_cast<uint16_t>(requestedPort));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (::bind(listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listenFd, kBacklog) != 0) {
@@ -234,7 +234,7 @@ bool HttpServer::start(int port, std::string token, Handler handler) {
     }
     socklen_t size = sizeof address;
     if (::getsockname(listenFd, reinterpret_cast<sockaddr*>(&address), &size) == 0)
-        this->port = ntohs(address.sin_port);
+        port = ntohs(address.sin_port);
 
     running = true;
     try {
