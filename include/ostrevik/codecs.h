@@ -60,6 +60,15 @@ public:
     std::string name() const override;
     std::optional<std::string> encode(const Document& document) const override;
     std::optional<Document> decode(std::string_view text, ParseError* error) const override;
+    // The decoding of JSON-RPC messages, and only of them: an object or array under a key that
+    // cannot name an element (such as "io.example/tasks") is skipped with all it holds, as if
+    // the member were absent, since no method reads one. `decode`, used for files, fails on such
+    // a key instead, because there its data would be lost. Malformed or too deep JSON fails
+    // either way, also inside a skipped member.
+    std::optional<Document> decodeMessage(std::string_view text, ParseError* error) const;
+
+private:
+    std::optional<Document> decodeAs(std::string_view text, ParseError* error, bool skipUnnameable) const;
 };
 
 }  // namespace codecs

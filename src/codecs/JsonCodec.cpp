@@ -53,7 +53,9 @@ Value toValue(const Json& j) {
     }
 }
 
-bool build(Document& doc, const Path& path, const Json& json) {
+// `skipUnnameable`: a container under a key that cannot name an element is left out with all
+// it holds, instead of failing the whole decode.
+bool build(Document& doc, const Path& path, const Json& json, bool skipUnnameable) {
     if (json.kind == Kind::Object || json.kind == Kind::Array) {
         const bool object = json.kind == Kind::Object;
         const Path at = doc.append(path, object ? "object" : "array").path;
@@ -64,8 +66,11 @@ bool build(Document& doc, const Path& path, const Json& json) {
                 if (isScalar(item)) element->properties[key].value = toValue(item);
             for (const auto& [key, item] : json.members) {
                 if (isScalar(item)) continue;
-                if (!isElementName(key)) return false;
-                if (!build(doc, at.child(key), item)) return false;
+                if (!isElementName(key)) {
+                    if (skipUnnameable) continue;
+                    return false;
+                }
+                if (!build(doc, at.child(key), item, skipUnnameable)) return false;
             }
         } else {
             for (std::size_t i = 0; i < json.items.size(); ++i)
@@ -73,7 +78,7 @@ bool build(Document& doc, const Path& path, const Json& json) {
                     element->properties[std::to_string(i)].value = toValue(json.items[i]);
             for (std::size_t i = 0; i < json.items.size(); ++i) {
                 if (isScalar(json.items[i])) continue;
-                if (!build(doc, at.child(std::to_string(i)), json.items[i])) return false;
+                if (!build(doc, at.child(std::to_string(i)), json.items[i], skipUnnameable)) return false;
             }
         }
         return true;
@@ -293,6 +298,14 @@ Json emit(const Document& doc, const Path& path) {
 std::string JsonCodec::name() const { return "json"; }
 
 std::optional<Document> JsonCodec::decode(std::string_view text, ParseError* error) const {
+    return decodeAs(text, error, false);
+}
+
+std::optional<Document> JsonCodec::decodeMessage(std::string_view text, ParseError* error) const {
+    return decodeAs(text, error, true);
+}
+
+std::optional<Document> JsonCodec::decodeAs(std::string_view text, ParseError* error, bool skipUnnameable) const {
     auto fail = [error](const char* message) -> std::optional<Document> {
         if (error) {
             error->line = 0;
@@ -304,7 +317,7 @@ std::optional<Document> JsonCodec::decode(std::string_view text, ParseError* err
     std::optional<Json> json = Json::parse(text);
     if (!json) return fail(kMalformed);
     Document doc;
-    if (!build(doc, Path({"root"}, std::nullopt), *json)) return fail(kBadKey);
+    if (!build(doc, Path({"root"}, std::nullopt), *json, skipUnnameable)) return fail(kBadKey);
     return doc;
 }
 

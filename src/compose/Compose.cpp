@@ -82,8 +82,8 @@ struct Matches {
 
     // `p` equals a match, lies below one, or lies above one.
     bool related(const Path& p) const {
-        if (ancestors.count(p)) return true;
-        Path q = p.elementPath();
+        Path q = p.elementPath();  // a slot is related through its element
+        if (ancestors.count(q)) return true;
         while (true) {
             if (matched.count(q)) return true;
             if (q.segments.empty()) return false;

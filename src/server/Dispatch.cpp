@@ -171,7 +171,7 @@ std::optional<std::string> Reader::str(const Path& path, const std::string& key)
 
 std::optional<std::string> dispatch(Session& session, std::string_view text) {
     ostrevik::codecs::JsonCodec codec;
-    std::optional<Document> decoded = codec.decode(text, nullptr);
+    std::optional<Document> decoded = codec.decodeMessage(text, nullptr);
     if (!decoded) {
         Builder reply;
         reply.set(rootPath(), "jsonrpc", "2.0");

@@ -141,6 +141,7 @@ TEST(Compose, GlobGraftTakesMatchesWithSubtrees) {
         "    }\n"
         "    def \"fill\" {\n"
         "        connect in = </lights/key/bulb.out>\n"
+        "        connect gain = </lights.out>\n"
         "    }\n"
         "}\n"
         "\n"
@@ -151,9 +152,12 @@ TEST(Compose, GlobGraftTakesMatchesWithSubtrees) {
     ASSERT_TRUE(c);
     EXPECT_EQ(paths(*c), (std::vector<std::string>{"/rig", "/rig/key", "/rig/key/bulb", "/rig/fill"}));
     EXPECT_TRUE(c->element(Path("/rig"))->properties.empty());
-    ASSERT_EQ(c->connections().size(), 1u);
+    // A wire from the pattern's prefix element itself comes in mapped onto the host.
+    ASSERT_EQ(c->connections().size(), 2u);
     EXPECT_EQ(c->connections()[0].target.str(), "/rig/fill.in");
     EXPECT_EQ(c->connections()[0].source.str(), "/rig/key/bulb.out");
+    EXPECT_EQ(c->connections()[1].target.str(), "/rig/fill.gain");
+    EXPECT_EQ(c->connections()[1].source.str(), "/rig.out");
 
     Document none = parse("#zeltha 4.0\ndef \"rig\" {\n    reference \"lights\" \"/nothing/*\"\n}\n");
     auto n = compose(none, "main", lib.resolver());

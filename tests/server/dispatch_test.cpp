@@ -31,13 +31,33 @@ std::string error(const std::string& id, int code, const std::string& message) {
 }
 
 TEST_F(DispatchTest, ParseErrorsReplyWithNullId) {
+    // Malformed or too deep JSON fails also inside a member that would be skipped.
     for (const std::string& text : std::vector<std::string>{" ", "\t", "{", "{\"id\":1,", "nul", "[1,]", "{\"id\":1}x",
-                                   R"({"id":1,"method":"x","params":{"a-b":{}}})",
-                                   R"({"id":1,"method":"ping","params":{"":[]}})",
-                                   R"({"id":1,"method":"tools/call","params":{"name":"x","arguments":{"a-b":{}}}})",
+                                   R"({"id":1,"method":"ping","params":{"a/b":[1,]}})",
+                                   R"({"id":1,"method":"ping","params":{"a/b":)" + std::string(202, '[') +
+                                       std::string(202, ']') + "}}",
                                    std::string(202, '[') + std::string(202, ']')})
         EXPECT_EQ(run(text), error("null", -32700, "parse error")) << text;
     EXPECT_TRUE(log.empty());  // parse errors are not logged
+}
+
+// Clients put namespaced keys ("io.example/tasks") on objects no method reads: such members are
+// skipped with everything inside, and the message is handled as if they were absent.
+TEST_F(DispatchTest, ContainersUnderUnnameableKeysAreSkipped) {
+    EXPECT_EQ(run(R"({"id":1,"method":"x","params":{"a-b":{}}})"), error("1", -32601, "method not found: x"));
+    EXPECT_EQ(run(R"({"id":1,"method":"ping","params":{"":[],"_meta":{"io.x/related-task":{"taskId":"t"}}}})"),
+              run(R"({"id":1,"method":"ping"})"));
+    const std::string init =
+        R"({"jsonrpc":"2.0","id":3,"method":"initialize","params":{"protocolVersion":"2024-11-05",)"
+        R"("capabilities":{%s},"clientInfo":{"name":"c","version":"1"}}})";
+    auto with = [&](const std::string& caps) {
+        std::string text = init;
+        return text.replace(text.find("%s"), 2, caps);
+    };
+    const auto plain = run(with(""));
+    ASSERT_TRUE(plain && plain->find("\"result\"") != std::string::npos);
+    EXPECT_EQ(run(with(R"("extensions":{"io.modelcontextprotocol/tasks":{},"io.modelcontextprotocol/skills":{}})")),
+              plain);
 }
 
 TEST_F(DispatchTest, InvalidRequestsAndUnknownMethods) {
