@@ -1,5 +1,6 @@
 #!/bin/sh
-# Drives the built server with the official MCP client over stdio and over HTTP.
+# Drives the built server with real MCP clients, pinned in the lock file, over stdio and HTTP:
+# the SDK 1.x client, the version-negotiating client 2.x, and the Inspector's command line.
 # usage: run.sh <ostrevik-server> <work dir>
 # The client is installed from the lock file into the work dir (in the build tree), so the
 # source tree stays clean and several build trees do not share one node_modules.
@@ -26,3 +27,5 @@ if [ ! -f node_modules/.package-lock.json ] || [ package-lock.json -nt node_modu
 fi
 node stdio.mjs "$server"
 node http.mjs "$server"
+node client_v2.mjs "$server"
+node inspector.mjs "$server"
