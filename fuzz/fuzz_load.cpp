@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         // A crate holds some things that text cannot say, each refused on reading by design: a
         // property's type name that is no alias of the value's own dtype and shape (the writer
         // prints it as the type token), a property name with ".timeSamples" in it (it ends a bare
-        // name), elements nested deeper than 256, a glob spec without "*" (text reads it as a
+        // name), a glob spec without "*" (text reads it as a
         // plain wire), and a glob spec holding ">" or a wire whose source is no path (both are
         // written between angle brackets).
         bool textSafe = true;
@@ -25,7 +25,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             textSafe = textSafe && l.targetSpec.find('*') != std::string::npos && l.targetSpec.find('>') == std::string::npos;
         for (const auto& c : doc->connections()) textSafe = textSafe && ostrevik::Path::parse(c.source.str());
         for (const auto& e : doc->elements()) {
-            textSafe = textSafe && e.path.segments.size() <= 256;
             for (const auto& [name, p] : e.properties) {
                 textSafe = textSafe && name.find(".timeSamples") == std::string::npos;
                 if (p.typeName.empty()) continue;

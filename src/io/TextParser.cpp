@@ -537,7 +537,8 @@ std::vector<std::pair<double, double>> pairsOf(const std::vector<double>& number
 
 class Parser {
 public:
-    Parser(std::string_view body, Document& doc) : lex_(body), doc_(&doc), unbackedLeft_(body.size()) {
+    Parser(std::string_view body, Document& doc)
+        : lex_(body), doc_(&doc), segmentsLeft_((std::size_t(1) << 20) + body.size()), unbackedLeft_(body.size()) {
         // Every block opens with a brace: counting them sizes the element list in one step
         // rather than by repeated doubling. A block takes at least five bytes ("def{}").
         std::size_t blocks = 0;
@@ -575,8 +576,15 @@ private:
     Element& current(Current& c) { return elements_[c.index]; }
     bool reportDuplicate(const std::vector<Element>& elements);
 
+    // An element block whose body is being read: nesting is walked with a stack of these, not
+    // by recursion, so any depth the writer writes reads back.
+    struct Frame {
+        Path path;
+        Current c;
+        std::size_t children = 0;
+    };
     bool parseDef(const Path& parent, std::size_t& siblings);
-    bool parseBody(const Path& path, std::size_t index);
+    bool openDef(const Path& parent, std::size_t& siblings, std::vector<Frame>& open);
     bool parseConnect(const Path& element);
     bool parseDelete();
     bool parseDisconnect();
@@ -615,7 +623,10 @@ private:
     Lexer lex_;
     Document* doc_;
     std::vector<std::pair<Path, Path>> pendingConnections_;  // source, target
-    int depth_ = 0;
+    // Every element holds its whole path, so deep nesting costs its depth in segments per
+    // element. The total is held to a multiple of the input, which indented text of any depth
+    // stays well within, so that a short text can't ask for quadratic memory.
+    std::size_t segmentsLeft_;
 
     // Elements in the order of their blocks, indexed by the document in one pass at the end. A
     // path read twice is found then; its block's offset tells where to report it.
@@ -877,16 +888,42 @@ bool Parser::parseConnect(const Path& element) {
 }
 
 bool Parser::parseDef(const Path& parent, std::size_t& siblings) {
-    if (depth_ > 255) {
-        fail("element nesting too deep");
-        return false;
+    std::vector<Frame> open;
+    // Each path joins its element when its body ends, failed or not, before anything compares
+    // paths.
+    auto close = [this](Frame& f) { elements_[f.c.index].path = std::move(f.path); };
+    bool ok = openDef(parent, siblings, open);
+    while (ok && !open.empty()) {
+        Frame& f = open.back();
+        const Token t = lex_.peek();
+        if (t.kind == Tok::RBrace) {
+            lex_.next();
+            close(f);
+            open.pop_back();
+            continue;
+        }
+        if (t.kind != Tok::Ident) {
+            ok = false;
+            break;
+        }
+        switch (bodyKeyword(t.text)) {
+            case Keyword::Def: ok = openDef(f.path, f.children, open); break;
+            case Keyword::Delete: ok = parseDelete(); break;
+            case Keyword::Disconnect: ok = parseDisconnect(); break;
+            case Keyword::Connect: ok = parseConnect(f.path); break;
+            case Keyword::Unset: ok = parseUnset(f.c); break;
+            case Keyword::Metadata: ok = parseMetadata(f.c); break;
+            case Keyword::Reference: ok = parseReference(f.c); break;
+            case Keyword::None: ok = parseProperty(f.c); break;
+        }
     }
-    struct DepthGuard {
-        int& depth;
-        explicit DepthGuard(int& d) : depth(d) { ++depth; }
-        ~DepthGuard() { --depth; }
-    } guard(depth_);
+    for (Frame& f : open) close(f);
+    return ok;
+}
 
+// Reads a block's head up to its brace and opens its frame; `parent` and `siblings` may live in
+// `open`, so they are used before it grows.
+bool Parser::openDef(const Path& parent, std::size_t& siblings, std::vector<Frame>& open) {
     const Token keyword = lex_.next();
     if (keyword.kind != Tok::Ident || (keyword.text != "def" && keyword.text != "over")) {
         fail("expected 'def' or 'over'");
@@ -946,43 +983,18 @@ bool Parser::parseDef(const Path& parent, std::size_t& siblings) {
         // An unnamed block is named by its place among the blocks before it in its parent.
         path = parent.child(static_cast<std::uint64_t>(siblings));
     }
+    if (path.segments.size() > segmentsLeft_) {
+        fail("element nesting too deep");
+        return false;
+    }
+    segmentsLeft_ -= path.segments.size();
     ++siblings;
     Element& e = elements_.emplace_back();
     blockOffsets_.push_back(lex_.pos());
     e.type = std::move(type);
     if (keyword.text == "over") e.specifier = Specifier::Over;
-    // The body reads the path here (elements_ may move); it joins the element when the body
-    // ends, failed or not, before anything compares paths.
-    const std::size_t index = elements_.size() - 1;
-    const bool ok = parseBody(path, index);
-    elements_[index].path = std::move(path);
-    return ok;
-}
-
-bool Parser::parseBody(const Path& path, std::size_t index) {
-    Current c;
-    c.index = index;
-    std::size_t children = 0;
-    for (;;) {
-        const Token t = lex_.peek();
-        if (t.kind == Tok::RBrace) {
-            lex_.next();
-            return true;
-        }
-        if (t.kind != Tok::Ident) return false;
-        bool ok;
-        switch (bodyKeyword(t.text)) {
-            case Keyword::Def: ok = parseDef(path, children); break;
-            case Keyword::Delete: ok = parseDelete(); break;
-            case Keyword::Disconnect: ok = parseDisconnect(); break;
-            case Keyword::Connect: ok = parseConnect(path); break;
-            case Keyword::Unset: ok = parseUnset(c); break;
-            case Keyword::Metadata: ok = parseMetadata(c); break;
-            case Keyword::Reference: ok = parseReference(c); break;
-            case Keyword::None: ok = parseProperty(c); break;
-        }
-        if (!ok) return false;
-    }
+    open.push_back(Frame{std::move(path), Current{elements_.size() - 1}});
+    return true;
 }
 
 bool Parser::parseUnset(Current& c) {

@@ -88,3 +88,22 @@ TEST(HostilePaths, DirectoryAsStartDocumentStartsEmpty) {
     s.closeStdin();
     EXPECT_EQ(s.finish(), 0);
 }
+
+// Whatever the server holds survives save and load in both formats, however deep.
+TEST(HostilePaths, DeepDocumentSurvivesSaveAndLoad) {
+    TempDir t;
+    ServerProcess s({"--root", t.str()});
+    auto call = [&](const std::string& name, const std::string& args) {
+        return parseToolReply(s.request(toolCall(name, args)));
+    };
+    std::string path;
+    for (int i = 0; i < 300; ++i) {
+        path += "/n";
+        ASSERT_TRUE(call("define_element", "{\"path\":\"" + path + "\",\"type\":\"x\"}").ok);
+    }
+    for (const char* file : {"deep.zeltha", "deep.zelth"}) {
+        ASSERT_TRUE(call("save", std::string("{\"path\":\"") + file + "\"}").ok) << file;
+        ToolReply loaded = call("load", std::string("{\"path\":\"") + file + "\"}");
+        EXPECT_EQ(loaded.text, "loaded " + t.str() + "/" + file + " (300 elements)");
+    }
+}
