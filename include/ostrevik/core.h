@@ -319,6 +319,16 @@ public:
     void addGlobLink(const Path& source, const std::string& targetSpec);
     void addReorder(const Path& parent, std::vector<Path> order);
 
+    // Subtrees and wiring as a graph.
+    // A new document holding the subtree at `path` as a top-level element under its own name,
+    // with the elements that directly drive it and the wires among them. This stays unchanged.
+    Document extract(const Path& path) const;
+    // Copies `other`'s elements and wires under `parent` as a fresh instance (top-level names
+    // made unique among parent's children); the new paths of `other`'s top-level elements.
+    std::vector<Path> instantiate(const Document& other, const Path& parent);
+    // Every slot that the slot `source` drives, through connections and then glob links.
+    std::vector<Path> resolveLinkTargets(const Path& source) const;
+
     // Loads the file and resolves its references (see compose.h); false leaves this unchanged.
     bool loadComposed(const std::string& path);
 
@@ -333,6 +343,33 @@ private:
     static const std::vector<std::size_t>* childList(const Rep& rep, const Path& parent);
 
     std::shared_ptr<Rep> rep_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Assets: binary blobs that belong to elements, kept apart from the document and keyed by the
+// element path. A plain value: nothing keeps it in step with a document by itself.
+
+struct Asset {
+    std::string mediaType;  // a label carried through, never interpreted
+    std::string bytes;
+
+    bool operator==(const Asset& other) const = default;
+};
+
+class AssetStore {
+public:
+    std::map<Path, Asset> assets;  // element paths, in Path order
+
+    // Every operation keys by `path.elementPath()`.
+    void set(const Path& path, std::string bytes, std::string mediaType);  // replaces
+    const Asset* get(const Path& path) const;  // null when unset; valid until the next change
+    void erase(const Path& path);
+    void removeSubtree(const Path& path);  // the entry at `path` and every one below it
+    // Moves every entry below `from` (itself included) below `to`; where two keys meet, the one
+    // later in key order wins.
+    void reparent(const Path& from, const Path& to);
+
+    bool operator==(const AssetStore& other) const = default;
 };
 
 }  // namespace ostrevik

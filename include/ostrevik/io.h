@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace ostrevik {
 
@@ -23,6 +24,13 @@ std::optional<std::string> decompress(std::string_view stream);
 // The binary crate ("ZLTHC"); `compressed` compresses the payload.
 std::string serializeBinary(const Document& doc, bool compressed);
 std::optional<Document> deserializeBinary(std::string_view bytes);
+
+// A document and its assets in one file ("ZLTHZ"): an entry table, then the contents as they
+// are. `text` stores the document as text, otherwise as an uncompressed crate.
+std::string serializePackage(const Document& doc, const AssetStore& assets, bool text);
+// The whole package, checked; empty on any violation, and nothing partly read survives. The
+// document inside must be text or a crate: a package nested in a package is refused.
+std::optional<std::pair<Document, AssetStore>> deserializePackage(std::string_view bytes);
 
 // Which native format a buffer holds, judged by its first bytes only.
 enum class Format : std::uint32_t { Unknown = 0, Text = 1, Binary = 2, Package = 3 };

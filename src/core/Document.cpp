@@ -453,4 +453,19 @@ std::optional<Path> Document::findIncoming(const Path& target) const {
     return std::nullopt;
 }
 
+std::vector<Path> Document::resolveLinkTargets(const Path& source) const {
+    std::vector<Path> out;
+    for (const Connection& c : rep_->connections)
+        if (c.source == source) out.push_back(c.target);
+    for (const GlobLink& link : rep_->globLinks) {
+        if (link.source != source) continue;
+        auto [pattern, slot] = splitTargetSpec(link.targetSpec);
+        auto parsed = PathPattern::parse(pattern);
+        if (!parsed) continue;
+        for (const Element& e : rep_->elements)
+            if (parsed->matches(e.path)) out.push_back(e.path.appendingProperty(slot));
+    }
+    return out;
+}
+
 }  // namespace ostrevik

@@ -41,10 +41,15 @@ std::optional<Document> deserialize(std::string_view bytes, ParseError* error) {
         if (!doc) report(error, "malformed binary crate (.zelth)");
         return doc;
     }
-    case Format::Package:
-        // Packages are not readable yet: every one is reported as malformed.
-        report(error, "malformed package (ZLTHZ)");
-        return std::nullopt;
+    case Format::Package: {
+        // Only the document leaves here; whoever needs the assets reads the package itself.
+        auto package = deserializePackage(bytes);
+        if (!package) {
+            report(error, "malformed package (ZLTHZ)");
+            return std::nullopt;
+        }
+        return std::move(package->first);
+    }
     case Format::Unknown:
         break;
     }
