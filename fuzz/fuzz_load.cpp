@@ -27,6 +27,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         for (const auto& e : doc->elements()) {
             for (const auto& [name, p] : e.properties) {
                 textSafe = textSafe && name.find(".timeSamples") == std::string::npos;
+                if (p.samples) {
+                    // The text gives every key the property's declared type: a key of another
+                    // dtype, or of another shape where that type fixes the shape, cannot be said.
+                    const ostrevik::Type type = p.value.type();
+                    const bool listed = type == ostrevik::Type::FloatArray || type == ostrevik::Type::IntArray ||
+                                        type == ostrevik::Type::Float2Array || type == ostrevik::Type::General;
+                    for (const auto& k : p.samples->keys)
+                        textSafe = textSafe && k.value.dtype == p.value.dtype &&
+                                   (listed ? k.value.shape.size() == p.value.shape.size() : k.value.shape == p.value.shape);
+                }
                 if (p.typeName.empty()) continue;
                 const auto alias = ostrevik::aliasFromName(p.typeName);
                 textSafe = textSafe && alias && alias->dtype == p.value.dtype && alias->shape == p.value.shape;

@@ -45,15 +45,24 @@ Document Document::extract(const Path& path) const {
 
 std::vector<Path> Document::instantiate(const Document& other, const Path& parent) {
     Rep& rep = w();
-    std::set<std::string> taken = childNames(parent, nullptr);
+    // A name is taken by a child of `parent` or by a name given out here. The children are asked
+    // of the index rather than gathered, so that a parent with many children costs nothing here.
+    std::unordered_set<std::string> given;
+    auto unique = [&](const std::string& name) {
+        const std::string base = name.empty() ? std::string("element") : name;
+        std::string candidate = base;
+        for (std::uint64_t n = 1; given.count(candidate) || lookup(rep, parent.child(candidate), false); ++n)
+            candidate = base + "_" + std::to_string(n);
+        return candidate;
+    };
     std::unordered_map<Path, Path> mapping;
     std::vector<Path> top;
     for (const Element& e : other.elements()) {
         const Path p = e.path.elementPath();
         if (p.segments.size() > 1) continue;
-        std::string unique = uniqueName(p.name().value_or("element"), taken);
-        Path mapped = parent.child(unique);
-        taken.insert(std::move(unique));
+        std::string name = unique(p.name().value_or("element"));
+        Path mapped = parent.child(name);
+        given.insert(std::move(name));
         top.push_back(mapped);
         mapping.insert_or_assign(p, std::move(mapped));
     }
@@ -65,7 +74,6 @@ std::vector<Path> Document::instantiate(const Document& other, const Path& paren
     }
     // Only the new elements are indexed, each as it lands (a copy whose id is taken gets a fresh
     // one), so pasting many instances costs what they hold, not the whole document each time.
-    rep.elements.reserve(rep.elements.size() + mapping.size());
     for (const Element& e : other.elements()) {
         auto it = mapping.find(e.path.elementPath());
         if (it == mapping.end()) continue;
